@@ -1,0 +1,10 @@
+/* libkelo_util: every public header. */
+#ifndef KELO_KELO_H
+#define KELO_KELO_H
+
+#include <kelo/app.h>
+#include <kelo/log.h>
+#include <kelo/rand.h>
+#include <kelo/devinfo.h>
+
+#endif

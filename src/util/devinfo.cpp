@@ -1,0 +1,91 @@
+// Device identity, worked out once per boot into the shared "devinfo" region.
+#include "util/devinfo.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/free_ptr.h"
+#include "common/sys_paths.h"
+#include "common/unique_fd.h"
+#include "log/shm_region.h"
+
+namespace kelo::devinfo {
+namespace {
+
+constexpr char kVersionKey[] = "HOLVEN_VERSION=";
+constexpr size_t kVersionKeyLen = sizeof kVersionKey - 1;
+
+constinit const Record *g_record = nullptr;
+
+void read_fw_version(Record *rec) {
+  UniqueFd fd(open(sys::paths().os_release, O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) return;
+  struct stat st;
+  if (fstat(fd.get(), &st) < 0 || st.st_size <= 0) return;
+  size_t size = static_cast<size_t>(st.st_size);
+  FreePtr<char> buf(static_cast<char *>(malloc(size)));
+  if (!buf) return;
+  ssize_t n = read(fd.get(), buf.get(), size);
+  if (n <= 0) return;
+
+  const char *data = buf.get();
+  const char *end = data + n;
+  const char *hit = static_cast<const char *>(memmem(data, static_cast<size_t>(n), kVersionKey, kVersionKeyLen));
+  // Only the first occurrence is looked at, and only at a line start.
+  if (hit == nullptr || (hit != data && hit[-1] != '\n')) return;
+  const char *value = hit + kVersionKeyLen;
+  const char *eol = static_cast<const char *>(memchr(value, '\n', static_cast<size_t>(end - value)));
+  size_t len = static_cast<size_t>((eol ? eol : end) - value);
+  // A long value runs on into the following fields (they are written again
+  // afterwards) but never past the end of the record.
+  size_t room = sizeof(Record) - offsetof(Record, fw_version) - 1;
+  if (len > room) len = room;
+  memcpy(rec->fw_version, value, len);
+  rec->fw_version[len] = '\0';
+}
+
+void read_ifname(Record *rec) {
+  FILE *f = fopen(sys::paths().proc_wireless, "re");
+  if (f == nullptr) abort();
+  char *line = nullptr;
+  size_t cap = 0;
+  while (getline(&line, &cap, f) > 0) {
+    if (strchr(line, ':') == nullptr) continue;  // the two header lines
+    // The field holds 18 characters and its NUL; interface names are at most 15.
+    if (sscanf(line, "%18s", rec->ifname) == 1) {
+      char *colon = strrchr(rec->ifname, ':');
+      if (colon != nullptr) *colon = '\0';
+    }
+    break;
+  }
+  free(line);
+  fclose(f);
+}
+
+}  // namespace
+
+int fill(void *record) {
+  auto *rec = static_cast<Record *>(record);
+  strcpy(rec->model, "tarsa.camera.v4");
+  strcpy(rec->fw_version, "Unknown");
+  read_fw_version(rec);
+  snprintf(rec->extra_version, sizeof rec->extra_version, "%d.%d.%d", 3, 18, 30);
+  strcpy(rec->extra_tag, "FIXME_kelo_util");
+  read_ifname(rec);
+  return 0;
+}
+
+const Record *get() {
+  if (g_record == nullptr) g_record = static_cast<const Record *>(shm_region_open("devinfo", sizeof(Record), fill));
+  return g_record;
+}
+
+}  // namespace kelo::devinfo
+
+extern "C" KELO_EXPORT const char *dev_get_info(void) {
+  return reinterpret_cast<const char *>(kelo::devinfo::get());
+}

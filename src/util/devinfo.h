@@ -1,0 +1,29 @@
+// The device-information record as laid out in the shared "devinfo" region.
+#pragma once
+
+#include <cstddef>
+
+#include "kelo/devinfo.h"
+
+namespace kelo::devinfo {
+
+struct Record {
+  char model[64];
+  char fw_version[64];
+  char extra_version[64];
+  char extra_tag[17];
+  char ifname[19];
+};
+static_assert(sizeof(Record) == DEV_INFO_SIZE, "devinfo record is 228 bytes");
+static_assert(offsetof(Record, fw_version) == DEV_INFO_FW_VERSION);
+static_assert(offsetof(Record, extra_version) == DEV_INFO_EXTRA_VERSION);
+static_assert(offsetof(Record, extra_tag) == DEV_INFO_EXTRA_TAG);
+static_assert(offsetof(Record, ifname) == DEV_INFO_IFNAME);
+
+// The region's initialiser; returns 0 (aborts without /proc/net/wireless).
+int fill(void *record);
+
+// The record, typed; NULL when the region cannot be opened.
+const Record *get();
+
+}  // namespace kelo::devinfo
