@@ -21,6 +21,8 @@
 
 namespace kelo::test {
 
+int free_port_once();
+
 Sandbox::Sandbox() {
   const char *tmp = getenv("TMPDIR");
   std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/kelo-t-XXXXXX";
@@ -81,6 +83,14 @@ std::string slurp(const std::string &p) {
 }
 
 int free_port() {
+  for (;;) {
+    int port = free_port_once();
+    // Never hand out the real agent's port: a test on it may be running.
+    if (port != 54320) return port;
+  }
+}
+
+int free_port_once() {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
