@@ -18,5 +18,16 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/kelo_utilConfigVersion.cm
 install(FILES ${PROJECT_BINARY_DIR}/kelo_utilConfig.cmake ${PROJECT_BINARY_DIR}/kelo_utilConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kelo_util)
 
+# The .pc file finds its prefix from where it lies, so an install with
+# "cmake --install --prefix <dir>" (or a staged copy) is usable as it is.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(KELO_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+  file(RELATIVE_PATH KELO_PC_LIBDIR "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_LIBDIR}")
+else()
+  file(RELATIVE_PATH KELO_PC_UP "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+  string(REGEX REPLACE "/$" "" KELO_PC_UP "${KELO_PC_UP}")
+  set(KELO_PC_PREFIX "\${pcfiledir}/${KELO_PC_UP}")
+  set(KELO_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/kelo_util.pc.in ${PROJECT_BINARY_DIR}/kelo_util.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kelo_util.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
