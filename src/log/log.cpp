@@ -100,6 +100,7 @@ void file_acquire(log_handler *h) {
   auto *f = reinterpret_cast<FileHandler *>(h);
   MutexLock lock(&f->lock);
   if (f->stream == nullptr && f->path != nullptr) {
+    // "e": the log file is not handed to programs the service executes.
     f->stream = fopen(f->path, "ae");
     if (f->stream != nullptr)
       setvbuf(f->stream, nullptr, _IONBF, 0);
@@ -141,6 +142,7 @@ void file_write(log_handler *h, int level, const char *prefix, const char *fmt, 
 
   // The prefix becomes part of the format. "%6s": the zero flag of the
   // original "%06s" has no effect on strings, so names are blank-padded.
+  // A NULL prefix (callers of the p shapes) counts as empty, not a fault.
   char *line_fmt = nullptr;
   if (asprintf(&line_fmt, "%s.%03d [%6s] %s%s", when, ms, name, prefix ? prefix : "", fmt) < 0) return;
   char *text = nullptr;
@@ -269,7 +271,7 @@ using namespace kelo::log;
 extern "C" {
 
 KELO_EXPORT log_handler *log_file_create(const char *path) {
-  if (path == nullptr) return nullptr;
+  if (path == nullptr) return nullptr;  // no path to copy: no handler, instead of a fault
   return kelo::log::new_file_handler(path, nullptr);
 }
 

@@ -134,9 +134,10 @@ TEST(LogLine, PrefixIsPartOfTheFormatAndNewlinesAreNotDoubled) {
     log_pnotice("pre: ", "ends in newline\n");
     log_err("two\nlines");
     log_info("%s", "");
+    vp(log_vpinfo, nullptr, "null prefix");
   });
   auto ls = lines(r.err);
-  ASSERT_EQ(ls.size(), 6u) << r.err;
+  ASSERT_EQ(ls.size(), 7u) << r.err;
   std::smatch m;
   ASSERT_TRUE(std::regex_match(ls[0], m, kLine));
   EXPECT_EQ(m[4].str(), "[cam:7] fps=25");
@@ -150,6 +151,8 @@ TEST(LogLine, PrefixIsPartOfTheFormatAndNewlinesAreNotDoubled) {
   ASSERT_TRUE(std::regex_match(ls[5], m, kLine));
   EXPECT_EQ(m[3].str(), "  info");
   EXPECT_EQ(m[4].str(), "");
+  ASSERT_TRUE(std::regex_match(ls[6], m, kLine));
+  EXPECT_EQ(m[4].str(), "null prefix");
   EXPECT_EQ(r.err.find("\n\n"), std::string::npos);
 }
 
@@ -338,6 +341,7 @@ TEST(LogFile, UnopenableFileComplainsOncePerAcquisitionAndDropsLines) {
     log_debug("lost too");
   });
   ASSERT_EQ(r.exit_code, 0);
+  EXPECT_EQ(log_file_create(nullptr), nullptr);
   std::string msg = "kelo_util: log: Fail to open \"" + path + "\": No such file or directory.\n";
   EXPECT_EQ(r.err, msg + msg + msg + msg);
 }
@@ -400,6 +404,7 @@ TEST(LogSyslog, IdentFacilityThresholdAndReopen) {
     log_debug("dropped at 6");
     log_info("hello %d", 1);
     vp(log_vpwarning, "%s: ", "x%d", "pre", 2);
+    vp(log_vpnotice, nullptr, "no prefix");
     pid_t p = fork();
     if (p == 0) _exit(log_set_syslog_level(7) == 0 ? 0 : 1);  // another process
     waitpid(p, nullptr, 0);
@@ -416,16 +421,17 @@ TEST(LogSyslog, IdentFacilityThresholdAndReopen) {
   });
   if (!cap.available) GTEST_SKIP() << "no private /dev/log: " << cap.why;
   ASSERT_EQ(cap.exit_code, 0) << cap.err;
-  ASSERT_EQ(cap.messages.size(), 5u);
+  ASSERT_EQ(cap.messages.size(), 6u);
   struct Want {
     int pri;
     const char *ident, *text;
   } want[] = {
       {LOG_DAEMON | 6, "camd", "hello 1"},         {LOG_DAEMON | 4, "camd", "pre: x2"},
+      {LOG_DAEMON | 5, "camd", "no prefix"},
       {LOG_DAEMON | 7, "camd", "shown at 7"},      {LOG_DAEMON | 6, "camd", "old facility"},
       {LOG_LOCAL0 | 3, "renamed", "new ident"},
   };
-  for (size_t i = 0; i < 5; ++i) {
+  for (size_t i = 0; i < 6; ++i) {
     const std::string &d = cap.messages[i];
     EXPECT_EQ(kelo::test::syslog_priority(d), want[i].pri) << d;
     EXPECT_EQ(kelo::test::syslog_ident(d), want[i].ident) << d;
