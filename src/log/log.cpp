@@ -49,6 +49,10 @@ constinit log_handler *g_handlers[8] = {};
 constinit bool g_initialised = false;
 constinit int g_level = 7;
 constinit Control *g_control = nullptr;
+// Every sink that a start-up created. They are never freed: a thread that
+// read the table just before a restart may still be writing through one.
+// The list only keeps them reachable (leak checkers see no loss).
+constinit FileHandler *g_startup_sinks = nullptr;
 
 // The threshold word is shared with other processes and read without lock.
 int load_threshold(const Control *c) {
@@ -247,6 +251,11 @@ void init() {
     sink = strcmp(file, "-") == 0 ? stream_create(stderr) : new_file_handler(file, nullptr);
   else
     sink = &syslog_handler.base;
+  if (sink != nullptr && sink != &syslog_handler.base) {
+    auto *f = reinterpret_cast<FileHandler *>(sink);
+    f->next = g_startup_sinks;
+    g_startup_sinks = f;
+  }
   // Out of memory for a new sink: levels go quiet rather than crash.
   log_set_handler(static_cast<int>(mask), sink);
   g_initialised = true;

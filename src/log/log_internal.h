@@ -35,6 +35,7 @@ struct FileHandler {
   FILE *stream;      // NULL until opened
   char *path;        // owned copy; NULL for a stream handler
   pthread_mutex_t lock;
+  FileHandler *next;  // sinks made at start-up, kept (see init)
 };
 
 extern SyslogHandler syslog_handler;
