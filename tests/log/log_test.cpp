@@ -1,5 +1,6 @@
 // The logging core: line format, levels, masks, handler counting, sinks and
 // the device-wide system-log threshold.
+// ctest-labels: threads
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <sys/wait.h>
