@@ -13,12 +13,12 @@
 
 static int failures;
 
-#define CHECK(cond)                                                  \
-  do {                                                               \
-    if (!(cond)) {                                                   \
+#define CHECK(cond)                                                            \
+  do {                                                                         \
+    if (!(cond)) {                                                             \
       fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-      failures++;                                                    \
-    }                                                                \
+      failures++;                                                              \
+    }                                                                          \
   } while (0)
 
 struct recorder {

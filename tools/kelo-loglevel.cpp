@@ -54,8 +54,8 @@ const char *name_of(int level) { return level >= 0 && level <= 7 ? kNames[level]
 int show() {
   int fd = open(kRegion, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   int32_t level = 0;
-  ssize_t n = fd < 0 ? -1
-                     : pread(fd, &level, sizeof level, static_cast<off_t>(offsetof(LogControl, syslog_level)));
+  ssize_t n =
+      fd < 0 ? -1 : pread(fd, &level, sizeof level, static_cast<off_t>(offsetof(LogControl, syslog_level)));
   if (fd >= 0) close(fd);
   if (n != static_cast<ssize_t>(sizeof level)) {
     // No region yet: services use the built-in 6 until one creates it.

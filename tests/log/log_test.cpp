@@ -32,14 +32,21 @@ struct Env {
 };
 
 void apply(const Env &e) {
-  if (e.file) setenv("KELO_LOG_FILE", e.file, 1); else unsetenv("KELO_LOG_FILE");
-  if (e.level) setenv("KELO_LOG_LEVEL", e.level, 1); else unsetenv("KELO_LOG_LEVEL");
+  if (e.file)
+    setenv("KELO_LOG_FILE", e.file, 1);
+  else
+    unsetenv("KELO_LOG_FILE");
+  if (e.level)
+    setenv("KELO_LOG_LEVEL", e.level, 1);
+  else
+    unsetenv("KELO_LOG_LEVEL");
 }
 
 std::vector<std::string> lines(const std::string &s) {
   std::vector<std::string> out;
   size_t pos = 0;
-  for (size_t nl; (nl = s.find('\n', pos)) != std::string::npos; pos = nl + 1) out.push_back(s.substr(pos, nl - pos));
+  for (size_t nl; (nl = s.find('\n', pos)) != std::string::npos; pos = nl + 1)
+    out.push_back(s.substr(pos, nl - pos));
   if (pos < s.size()) out.push_back(s.substr(pos));
   return out;
 }
@@ -93,7 +100,8 @@ TEST(LogLine, EveryLevelHasItsDisplayNameRightAligned) {
     handler_write(h, 9, "", "m%d", 9);
   });
   ASSERT_TRUE(r.exited && r.exit_code == 0) << r.err;
-  const char *expect[] = {" emerg", " alert", "  crit", "   err", "  warn", "notice", "  info", " debug", "unknown"};
+  const char *expect[] = {" emerg", " alert", "  crit", "   err", "  warn",
+                          "notice", "  info", " debug", "unknown"};
   const int nums[] = {0, 1, 2, 3, 4, 5, 6, 7, 9};
   auto ls = lines(r.err);
   ASSERT_EQ(ls.size(), 9u) << r.err;
@@ -162,11 +170,10 @@ TEST(LogLevel, ParseNamesAndNumbers) {
     const char *text;
     int want;
   } cases[] = {
-      {"err", 3},     {"ERR", 3},     {"eRr", 3},      {"error", 3},   {"emerg", 0},      {"panic", 0},
-      {"alert", 1},   {"crit", 2},    {"warn", 4},     {"WARNING", 4}, {"notice", 5},     {"info", 6},
-      {"debug", 7},   {"none", 16},   {"0x5", 5},      {"016", 14},    {"9", 9},          {"-3", -3},
-      {"7abc", 7},    {" 4", 4},      {"0", 0},        {"garbage", -1}, {"", -1},         {"errx", -1},
-      {"0x", 0},      {"-", -1},
+      {"err", 3},      {"ERR", 3},  {"eRr", 3},     {"error", 3},  {"emerg", 0}, {"panic", 0}, {"alert", 1},
+      {"crit", 2},     {"warn", 4}, {"WARNING", 4}, {"notice", 5}, {"info", 6},  {"debug", 7}, {"none", 16},
+      {"0x5", 5},      {"016", 14}, {"9", 9},       {"-3", -3},    {"7abc", 7},  {" 4", 4},    {"0", 0},
+      {"garbage", -1}, {"", -1},    {"errx", -1},   {"0x", 0},     {"-", -1},
   };
   for (const auto &c : cases) EXPECT_EQ(kelo::log::level_parse(c.text), c.want) << '"' << c.text << '"';
 }
@@ -177,9 +184,9 @@ TEST(LogLevel, StartupMaskFromEnvironment) {
     const char *level;
     unsigned mask;
   } cases[] = {
-      {nullptr, 0xff}, {"", 0xff},      {"garbage", 0xff}, {"-3", 0xff},   {"err", 0x0f},
-      {"Err", 0x0f},   {"0x5", 0x3f},   {"0", 0x01},       {"6", 0x7f},    {"none", 0xff},
-      {"016", 0xff},   {"31", 0xff},    {"32", 0xff},      {"2147483647", 0xff},
+      {nullptr, 0xff}, {"", 0xff},    {"garbage", 0xff}, {"-3", 0xff},         {"err", 0x0f},
+      {"Err", 0x0f},   {"0x5", 0x3f}, {"0", 0x01},       {"6", 0x7f},          {"none", 0xff},
+      {"016", 0xff},   {"31", 0xff},  {"32", 0xff},      {"2147483647", 0xff},
   };
   Sandbox sb;
   for (const auto &c : cases) {
@@ -202,9 +209,10 @@ TEST(LogLevel, InvalidOptionExits254WithTheNameList) {
     kelo::log::level_option("loud");
   });
   EXPECT_EQ(r.exit_code, 254);
-  EXPECT_EQ(r.err,
-            "camd: Invalid log option 'loud'. \nAvailable log level: alert crit debug emerg err error info none "
-            "notice panic warn warning\n");
+  EXPECT_EQ(
+      r.err,
+      "camd: Invalid log option 'loud'. \nAvailable log level: alert crit debug emerg err error info none "
+      "notice panic warn warning\n");
   auto anon = run_child([] { kelo::log::level_option("-1"); });
   EXPECT_EQ(anon.exit_code, 254);
   EXPECT_EQ(anon.err.rfind("(null): Invalid log option '-1'. \n", 0), 0u) << anon.err;
@@ -234,7 +242,9 @@ TEST(LogHandler, AcquireAndReleaseAreCountedPerLevel) {
   Sandbox sb;
   auto r = run_child([] {
     Counting c{{counting_write, counting_release, counting_acquire, nullptr}, 0, 0, 0, -1, {}};
-    auto report = [&](const char *step) { printf("%s a%d r%d w%d\n", step, c.acquires, c.releases, c.writes); };
+    auto report = [&](const char *step) {
+      printf("%s a%d r%d w%d\n", step, c.acquires, c.releases, c.writes);
+    };
     apply({"-", "1"});
     log_set_handler(0x0f, &c.base);  // does not start logging
     report("set0-3");
@@ -279,7 +289,7 @@ TEST(LogHandler, SecondStartKeepsLevelsOutsideItsMask) {
   auto r = run_child([] {
     Counting c{{counting_write, counting_release, counting_acquire, nullptr}, 0, 0, 0, -1, {}};
     apply({"-", "2"});
-    kelo::log::init();              // stderr at 0..2
+    kelo::log::init();               // stderr at 0..2
     log_set_handler(0xf8, &c.base);  // ours at 3..7
     setenv("KELO_LOG_LEVEL", "4", 1);
     kelo::log::init();  // a new stderr handler at 0..4; 5..7 stay ours
@@ -314,7 +324,7 @@ TEST(LogFile, AppendsLinesAndIgnoresTheSystemLogThreshold) {
     log_info("first %d", 1);
     log_perr("cam0: ", "second");
     log_debug("not in the mask");
-    kelo::log::fini();  // closes the file
+    kelo::log::fini();     // closes the file
     log_info("reopened");  // lazy start again: a new handler, the file again
   });
   ASSERT_EQ(r.exit_code, 0) << r.err;
@@ -413,9 +423,9 @@ TEST(LogSyslog, IdentFacilityThresholdAndReopen) {
     log_set_facility(LOG_LOCAL0);
     kelo::log::init();  // the count never reaches 0: the first opening stays
     log_info("old facility");
-    kelo::log::fini();  // closelog
+    kelo::log::fini();             // closelog
     strcpy(desc.name, "renamed");  // syslog keeps the ident pointer: rename only while closed
-    kelo::log::init();  // openlog with the new name and facility
+    kelo::log::init();             // openlog with the new name and facility
     log_err("new ident");
     log_set_syslog_level(-1);
     log_emerg("below every level");
@@ -427,10 +437,9 @@ TEST(LogSyslog, IdentFacilityThresholdAndReopen) {
     int pri;
     const char *ident, *text;
   } want[] = {
-      {LOG_DAEMON | 6, "camd", "hello 1"},         {LOG_DAEMON | 4, "camd", "pre: x2"},
-      {LOG_DAEMON | 5, "camd", "no prefix"},
-      {LOG_DAEMON | 7, "camd", "shown at 7"},      {LOG_DAEMON | 6, "camd", "old facility"},
-      {LOG_LOCAL0 | 3, "renamed", "new ident"},
+      {LOG_DAEMON | 6, "camd", "hello 1"},      {LOG_DAEMON | 4, "camd", "pre: x2"},
+      {LOG_DAEMON | 5, "camd", "no prefix"},    {LOG_DAEMON | 7, "camd", "shown at 7"},
+      {LOG_DAEMON | 6, "camd", "old facility"}, {LOG_LOCAL0 | 3, "renamed", "new ident"},
   };
   for (size_t i = 0; i < 6; ++i) {
     const std::string &d = cap.messages[i];

@@ -63,8 +63,7 @@ TEST(ShmRegion, SixteenRacingCreatorsInitialiseOnce) {
       char c;
       (void)!read(gate[0], &c, 1);  // all start together when the gate closes
       auto *rec = static_cast<Rec *>(shm_region_open("race", sizeof(Rec), [](void *r) {
-        struct timespec nap = {0, 20 * 1000 * 1000};
-        nanosleep(&nap, nullptr);  // widen the window for a second initialiser
+        usleep(20 * 1000);  // widen the window for a second initialiser
         return init_count(r);
       }));
       if (rec == nullptr) _exit(2);

@@ -14,11 +14,11 @@ namespace kelo::test {
 bool drop_to_nobody();
 
 struct SyslogCapture {
-  bool available = false;            // false: no private /dev/log (see why)
-  std::string why;                   // reason when not available
-  std::vector<std::string> messages; // datagrams as sent, e.g. "<30>Nov 22 ... camd[12]: hi"
-  std::string err;                   // standard error of the child
-  int exit_code = -1;                // of the child running fn
+  bool available = false;             // false: no private /dev/log (see why)
+  std::string why;                    // reason when not available
+  std::vector<std::string> messages;  // datagrams as sent, e.g. "<30>Nov 22 ... camd[12]: hi"
+  std::string err;                    // standard error of the child
+  int exit_code = -1;                 // of the child running fn
 };
 
 // Forks a child that enters a new mount namespace, mounts a tmpfs on /dev,
