@@ -3,6 +3,7 @@
 // ctest-labels: threads
 #include <gtest/gtest.h>
 #include <stdarg.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
@@ -460,6 +461,27 @@ TEST(LogFacility, WithoutDescriptorIsHarmless) {
     printf("%d %d", log_get_facility(), desc.facility);
   });
   EXPECT_EQ(r.out, "0 152 152");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(LogControl, SetSyslogLevelMapsTheRegionOnceItCanBeMade) {
+  Sandbox sb;
+  std::string shm = sb.path("shm");
+  auto r = run_child([&] {
+    apply({"-", nullptr});
+    rmdir(shm.c_str());  // no directory: the region cannot be created
+    log_info("no region");
+    printf("%d ", kelo::log::control() == nullptr);
+    printf("%d ", log_set_syslog_level(7));
+    mkdir(shm.c_str(), 0755);
+    printf("%d ", log_set_syslog_level(7));
+    printf("%d", kelo::log::control() ? kelo::log::control()->syslog_level : -100);
+  });
+  EXPECT_EQ(r.out, "1 -1 0 7");
+  EXPECT_NE(r.err.find("] no region\n"), std::string::npos);
 }
 
 }  // namespace
