@@ -10,6 +10,7 @@
 
 #include <atomic>
 
+#include "common/free_ptr.h"
 #include "common/mutex_lock.h"
 #include "kelo/app.h"
 #include "log/shm_region.h"
@@ -147,26 +148,51 @@ void file_write(log_handler *h, int level, const char *prefix, const char *fmt, 
   // The prefix becomes part of the format. "%6s": the zero flag of the
   // original "%06s" has no effect on strings, so names are blank-padded.
   // A NULL prefix (callers of the p shapes) counts as empty, not a fault.
-  char *line_fmt = nullptr;
-  if (asprintf(&line_fmt, "%s.%03d [%6s] %s%s", when, ms, name, prefix ? prefix : "", fmt) < 0) return;
-  char *text = nullptr;
+  // Both texts are built on the stack when they fit (nearly every line) and
+  // on the heap otherwise; a formatting failure drops the line.
+  char fmt_buf[256];
+  FreePtr<char> fmt_heap;
+  const char *line_fmt = fmt_buf;
+  int fn = snprintf(fmt_buf, sizeof fmt_buf, "%s.%03d [%6s] %s%s", when, ms, name, prefix ? prefix : "", fmt);
+  if (fn < 0) return;
+  if (static_cast<size_t>(fn) >= sizeof fmt_buf) {
+    char *p = nullptr;
+    if (asprintf(&p, "%s.%03d [%6s] %s%s", when, ms, name, prefix ? prefix : "", fmt) < 0) return;
+    fmt_heap.reset(p);
+    line_fmt = p;
+  }
+
+  // One spare byte for the newline that a line without one gets.
+  char text_buf[1024];
+  FreePtr<char> text_heap;
+  char *text = text_buf;
+  va_list again;
+  va_copy(again, ap);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  int n = vasprintf(&text, line_fmt, ap);
-#pragma GCC diagnostic pop
-  free(line_fmt);
-  if (n < 0) return;
-
-  {
-    MutexLock lock(&f->lock);
-    if (f->stream != nullptr) {
-      if (n > 0 && text[n - 1] == '\n')
-        fputs(text, f->stream);
-      else
-        fprintf(f->stream, "%s\n", text);
-    }
+  int n = vsnprintf(text_buf, sizeof text_buf - 1, line_fmt, ap);
+  if (n >= 0 && static_cast<size_t>(n) >= sizeof text_buf - 1) {
+    char *p = nullptr;
+    n = vasprintf(&p, line_fmt, again);
+    text_heap.reset(n >= 0 ? p : nullptr);
+    text = p;
   }
-  free(text);
+#pragma GCC diagnostic pop
+  va_end(again);
+  if (n < 0) return;
+  bool newline = n > 0 && text[n - 1] == '\n';
+
+  MutexLock lock(&f->lock);
+  if (f->stream == nullptr) return;
+  if (newline) {
+    fputs(text, f->stream);
+  } else if (text == text_buf) {
+    // "%s\n" in one write: the text and its newline together.
+    text_buf[n] = '\n';
+    fwrite(text_buf, 1, static_cast<size_t>(n) + 1, f->stream);
+  } else {
+    fprintf(f->stream, "%s\n", text);
+  }
 }
 
 log_handler *new_file_handler(const char *path, FILE *stream) {

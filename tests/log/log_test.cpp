@@ -485,3 +485,37 @@ TEST(LogControl, SetSyslogLevelMapsTheRegionOnceItCanBeMade) {
 }
 
 }  // namespace
+
+namespace {
+
+// Lines of every length come out whole, with exactly one newline: around
+// the sizes where the sink stops formatting on the stack.
+TEST(LogLine, LongPrefixesAndMessagesComeOutWhole) {
+  Sandbox sb;
+  const size_t header = std::string("2026-01-01 00:00:00.000 [  info] ").size();
+  std::vector<std::string> prefixes = {"", std::string(300, 'p')};
+  std::vector<size_t> sizes = {0, 1, 988, 989, 990, 991, 2000, 70000};
+  auto r = run_child([&] {
+    apply({"-", nullptr});
+    for (const auto &pre : prefixes)
+      for (size_t len : sizes)
+        for (bool nl : {false, true}) {
+          std::string msg(len, 'm');
+          if (nl) msg += '\n';
+          log_pinfo(pre.c_str(), "%s", msg.c_str());
+        }
+  });
+  ASSERT_EQ(r.exit_code, 0);
+  auto ls = lines(r.err);
+  ASSERT_EQ(ls.size(), prefixes.size() * sizes.size() * 2);
+  size_t i = 0;
+  for (const auto &pre : prefixes)
+    for (size_t len : sizes)
+      for (int nl = 0; nl < 2; ++nl, ++i) {
+        ASSERT_EQ(ls[i].size(), header + pre.size() + len) << "prefix " << pre.size() << " len " << len;
+        EXPECT_EQ(ls[i].substr(header), pre + std::string(len, 'm'));
+      }
+  EXPECT_EQ(r.err.find("\n\n"), std::string::npos);
+}
+
+}  // namespace
