@@ -464,8 +464,10 @@ void arm(Wait w, double seconds) {
 
 void quit() {
   A.quitting = true;
-  while (!A.conns.empty()) conn_close(A.conns.begin()->second, "by the agent");
+  // The listener first: a service reconnecting at once must be refused, not
+  // left in the backlog of a socket about to close.
   stop_listening();
+  while (!A.conns.empty()) conn_close(A.conns.begin()->second, "by the agent");
   ev_break(A.loop, EVBREAK_ALL);
 }
 
@@ -502,8 +504,8 @@ void run_command(const std::string &line) {
   } else if (cmd == "restart") {
     if (!args.empty() && !parse_ms(args, ms)) return reject("usage: restart [MS]");
     out("agent restarting");
+    stop_listening();  // first, as in quit()
     while (!A.conns.empty()) conn_close(A.conns.begin()->second, "by the agent");
-    stop_listening();
     if (ms > 0) {
       arm(Wait::Relisten, static_cast<double>(ms) / 1000.0);
     } else if (!start_listening()) {
@@ -547,7 +549,7 @@ void on_timer(struct ev_loop *, ev_timer *, int) {
   A.waiting = Wait::None;
   if (w == Wait::Expect) {
     ++A.failed;
-    out(fmt("expect FAILED: \"%s\" not received within %.0f ms", A.expect_text.c_str(), A.expect_timeout * 1000));
+    out(fmt("expect FAILED (nothing within %.0f ms): %s", A.expect_timeout * 1000, A.expect_text.c_str()));
   } else if (w == Wait::Relisten && !start_listening()) {
     ++A.failed;
   }
