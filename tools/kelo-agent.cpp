@@ -23,6 +23,7 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,12 +39,12 @@ namespace {
 // ---- output ---------------------------------------------------------------
 
 std::string stamp() {
-  struct timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
   struct tm tm;
-  localtime_r(&ts.tv_sec, &tm);
+  localtime_r(&tv.tv_sec, &tm);
   char buf[32];
-  snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec / 1000000);
+  snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<long>(tv.tv_usec / 1000));
   return buf;
 }
 

@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "kelo/app.h"
@@ -15,9 +16,7 @@
 namespace {
 
 double now_s() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 // Runs app_run with a timer that breaks after `after` seconds (or never, for
