@@ -206,6 +206,13 @@ void otconn_wakeup() {
 
 int otconn_get_state() { return g_state; }
 
+void otconn_invoke_io_for_testing(int state, int fd, int revents) {
+  g_state = state;
+  ev_io w;
+  ev_io_init(&w, otconn_on_io, fd, EV_READ);
+  otconn_on_io(EV_DEFAULT_ &w, revents);
+}
+
 }  // namespace kelo::otrpc
 
 using namespace kelo::otrpc;
