@@ -156,7 +156,12 @@ int otconn_start() {
       return -1;
   }
   int fd = otsocket_fd();
-  if (fd < 0) return 0;  // lost again inside a hook or the flush; that path took over
+  if (fd < 0) {
+    // Lost again at once, inside a state hook or the flush, before the close
+    // hook was linked: nothing else will notice, so wait and retry.
+    otconn_schedule_retry();
+    return -1;
+  }
   ev_io_stop(EV_DEFAULT_ &g_io);
   ev_io_init(&g_io, otconn_on_io, fd, want_write ? EV_READ | EV_WRITE : EV_READ);
   ev_io_start(EV_DEFAULT_ &g_io);
