@@ -156,7 +156,12 @@ int otconn_start() {
       return -1;
   }
   int fd = otsocket_fd();
-  if (fd < 0) return 0;  // lost again inside a hook or the flush; that path took over
+  if (fd < 0) {
+    // Lost again at once, inside a state hook or the flush, before the close
+    // hook was linked: nothing else will notice, so wait and retry.
+    otconn_schedule_retry();
+    return -1;
+  }
   ev_io_stop(EV_DEFAULT_ &g_io);
   ev_io_init(&g_io, otconn_on_io, fd, want_write ? EV_READ | EV_WRITE : EV_READ);
   ev_io_start(EV_DEFAULT_ &g_io);
@@ -205,6 +210,13 @@ void otconn_wakeup() {
 }
 
 int otconn_get_state() { return g_state; }
+
+void otconn_invoke_io_for_testing(int state, int fd, int revents) {
+  g_state = state;
+  ev_io w;
+  ev_io_init(&w, otconn_on_io, fd, EV_READ);
+  otconn_on_io(EV_DEFAULT_ &w, revents);
+}
 
 }  // namespace kelo::otrpc
 

@@ -13,4 +13,8 @@ void otconn_wakeup();
 // The current state (loop thread).
 int otconn_get_state();
 
+// For tests: forces the state (no hooks run) and delivers one io event with
+// revents to the io callback, on a watcher of fd.
+void otconn_invoke_io_for_testing(int state, int fd, int revents);
+
 }  // namespace kelo::otrpc

@@ -269,6 +269,15 @@ int otsocket_queue_length_for_testing() {
   return n;
 }
 
+void otsocket_discard_queue_for_testing() {
+  MutexLock lock(&g_queue_lock);
+  while (g_queue != nullptr) {
+    otsocket_record *r = g_queue;
+    KELO_DLIST_UNLINK(&g_queue, r, "(q)->prev != NULL");
+    free(r);
+  }
+}
+
 }  // namespace kelo::otrpc
 
 using namespace kelo::otrpc;

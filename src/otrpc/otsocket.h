@@ -62,5 +62,6 @@ int otsocket_receive(int fd, json_object **out);
 // For tests: the queue id counter, and whether anything is queued.
 void otsocket_set_queue_counter_for_testing(int32_t v);
 int otsocket_queue_length_for_testing();
+void otsocket_discard_queue_for_testing();
 
 }  // namespace kelo::otrpc
