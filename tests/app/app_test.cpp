@@ -6,9 +6,11 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -100,6 +102,45 @@ TEST(App, OptionsParsedOnAMergedCopy) {
             "  -h,--hold                Hold.\n"
             "  -o                       Loses its long name.\n"
             "  --help                   Display this message.\n");
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;  // the sanitizers reserve far more address space than any limit here
+#else
+constexpr bool kSanitized = false;
+#endif
+
+TEST(App, NoMemoryForTheMergedTableAborts) {
+  if (kSanitized) GTEST_SKIP() << "address-space limit under a sanitizer";
+  Sandbox sb;
+  auto r = run_child([] {
+    // A table big enough that its merged copy cannot fit under the limit.
+    constexpr size_t n = 200000;
+    auto *table = static_cast<opt_record *>(calloc(n + 1, sizeof(opt_record)));
+    for (size_t i = 0; i < n; ++i) table[i] = {nullptr, 'z', OPT_NOARG, nullptr, nullptr, nullptr, 0};
+    struct rlimit no_core = {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    long pages = 0;
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (f == nullptr || fscanf(f, "%ld", &pages) != 1) _exit(5);
+    fclose(f);
+    struct rlimit lim;
+    lim.rlim_cur = lim.rlim_max = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
+    if (setrlimit(RLIMIT_AS, &lim) != 0) _exit(6);
+    // Emulators (qemu-user) do not apply the limit to the guest: skip there.
+    if (void *probe = malloc(16u << 20)) {
+      printf("no limit");
+      free(probe);
+      return;
+    }
+    static app_desc app{0, table, 0, "big", nullptr};
+    app_init(&app, 1, g_argv);
+    printf("not reached");
+  });
+  if (r.out == "no limit") GTEST_SKIP() << "address-space limit not in force here";
+  EXPECT_EQ(r.signal, SIGABRT) << r.err;
+  EXPECT_EQ(r.err, "app_init: Fail to allocate memory.");
+  EXPECT_EQ(r.out, "");
 }
 
 TEST(App, LoggingStartsFromTheEnvironment) {
