@@ -92,6 +92,8 @@ using kelo::app::is_terminator;
 
 extern "C" {
 
+// getopt_long keeps its position in optind between calls: app_init parses
+// once; a service that parses again must set optind = 0 first.
 KELO_EXPORT int opt_parse(int argc, char **argv, opt_record *table) {
   using namespace kelo::app;
   size_t n_long = 0, n_noarg = 0, n_opt = 0, n_arg = 0;
