@@ -6,6 +6,11 @@
 
 #include <assert.h>
 
+// <assert.h> declares this only without NDEBUG; the unlink check aborts in
+// every build, so declare it here too (same signature as glibc's).
+extern "C" void __assert_fail(const char *assertion, const char *file, unsigned int line,
+                              const char *function) noexcept __attribute__((__noreturn__));
+
 namespace kelo::dlist {
 
 // Appends n at the tail of the list at *head.

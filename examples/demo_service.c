@@ -1,0 +1,183 @@
+/* demo_service: the smallest complete service, to copy from.
+ *
+ * It shows the usual skeleton of a service on the camera:
+ *   - an application descriptor with an option table and a method table,
+ *   - app_init (logging, options, RPC client), app_run, app_break on a signal,
+ *   - methods the agent can call, a call of its own to the agent,
+ *   - a periodic "_async.stat" statistics message.
+ *
+ *   demo_service --name NAME [--interval SECONDS] [-v ...]
+ *
+ * Try it on a PC with the agent simulator:
+ *   build/release/tools/kelo-agent            (in one terminal)
+ *   KELO_LOG_FILE=- build/release/examples/demo_service --name demo -v
+ * then type "list", "call demo.echo {\"x\":1}" or "call demo.time" at the agent.
+ */
+#include <ev.h>
+#include <json-c/json.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <time.h>
+#include <utlist.h>
+
+#include <kelo/app.h>
+#include <kelo/log.h>
+#include <kelo/otrpc.h>
+
+/* ---- options ---------------------------------------------------------------
+ * Each store callback writes through `dest` into the service's own variables;
+ * app_init parses a temporary copy of the table, so keep nothing else in it. */
+static int32_t interval = 5; /* seconds between statistics messages */
+static int32_t verbose = 0;  /* -v -v ... */
+static char *name = NULL;    /* --name, required */
+static int32_t echo_count = 0;
+
+/* The parser marks a required option as present only when its own store
+ * callback says so: it never sets `seen` for named options itself. So a
+ * required option needs a callback like this one, or the parser reports it
+ * missing (and exits 127) even when it was given. */
+static void store_name(opt_record *rec, const char *arg, void *dest) {
+  opt_store_string(rec, arg, dest);
+  rec->seen = 1;
+}
+
+static opt_record options[] = {
+    {"name", 'n', OPT_REQUIRED, &name, store_name, "Name reported in the statistics.", 0},
+    {"interval", 'i', OPT_ARG, &interval, opt_store_int, "Seconds between statistics (default 5).", 0},
+    {"verbose", 'v', OPT_NOARG, &verbose, opt_inc_int, "More log lines; repeat for more.", 0},
+    {NULL, 0, 0, NULL, NULL, NULL, 0} /* terminator; --help is added by the library */
+};
+
+/* ---- methods ----------------------------------------------------------------
+ * A handler gets the request's "params" and a reply object that already holds
+ * the request's "id" (reply is NULL for a notification without "id"). Its
+ * result decides what is sent: 0 -> "result": ["OK"], OTRPC_RET_SEND_REPLY ->
+ * the reply object as filled here, OTRPC_RET_NO_REPLY -> nothing now (keep a
+ * reference with json_object_get and send it later), any other value ->
+ * "error": {"code": value}. Handlers run on the loop thread. */
+
+/* demo.echo: answers with the params it was given, as "result". */
+static int demo_echo(void *arg, json_object *params, json_object *reply) {
+  (void)arg;
+  echo_count++;
+  if (reply == NULL) return 0; /* a notification: nothing to answer */
+  /* The reply takes its own reference; the request still owns params. */
+  json_object_object_add(reply, "result", json_object_get(params));
+  return OTRPC_RET_SEND_REPLY;
+}
+
+/* demo.time: answers with the current time. */
+static int demo_time(void *arg, json_object *params, json_object *reply) {
+  (void)arg;
+  (void)params;
+  if (reply == NULL) return 0;
+  time_t now = time(NULL);
+  struct tm tm;
+  char text[32];
+  gmtime_r(&now, &tm);
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
+  json_object *result = json_object_new_object();
+  json_object_object_add(result, "time", json_object_new_int64((int64_t)now));
+  json_object_object_add(result, "utc", json_object_new_string(text));
+  json_object_object_add(reply, "result", result);
+  return OTRPC_RET_SEND_REPLY;
+}
+
+static const otrpc_method methods[] = {
+    {"demo.echo", demo_echo, NULL, 0},
+    {"demo.time", demo_time, NULL, 0},
+    /* The OSD method goes here: {"demo.osd", demo_osd, NULL, 0}, */
+    {NULL, NULL, NULL, 0} /* terminator */
+};
+
+static app_desc app = {
+    .options = options,
+    .facility = 0,  /* 0: LOG_USER */
+    .name = "",     /* empty: the kernel's name of the thread (the program name) */
+    .methods = methods, /* non-NULL switches the RPC client on */
+};
+
+/* ---- a call to the agent ------------------------------------------------------
+ * otrpc_call sends a request and hands the reply (the whole message) to the
+ * callback; NULL means no reply came within 5 seconds (noticed at a later call). */
+static int on_ping_reply(void *arg, json_object *message) {
+  (void)arg;
+  if (message == NULL)
+    log_warning("agent.ping: no reply");
+  else
+    log_info("agent.ping replied: %s", json_object_to_json_string_ext(message, 0));
+  return 0;
+}
+
+static void ping_agent(void) {
+  json_object *msg = otrpc_create_message("agent.ping");
+  if (msg == NULL) return;
+  json_object *params = NULL;
+  if (json_object_object_get_ex(msg, "params", &params))
+    json_object_object_add(params, "name", json_object_new_string(name));
+  otrpc_call(msg, on_ping_reply, NULL);
+  json_object_put(msg); /* sending copied the text */
+}
+
+/* A state hook sees every change of the connection to the agent. It is linked
+ * before app_init so that it also sees a connection made inside app_init. The
+ * library announces the methods again by itself at every connection. */
+static int on_state(void *arg, int new_state, int old_state) {
+  (void)arg;
+  (void)old_state;
+  if (new_state == OTCONN_CONNECTED) {
+    log_notice("connected to the agent");
+    ping_agent();
+  }
+  return 0; /* non-zero would hide the change from the hooks after this one */
+}
+static otrpc_state_hook state_hook = {NULL, on_state, NULL, NULL};
+
+/* ---- statistics ----------------------------------------------------------------
+ * "_async.stat" carries "model" and "fw_ver"; add entries to its params. */
+static void on_stat_timer(struct ev_loop *loop, ev_timer *w, int revents) {
+  (void)loop;
+  (void)w;
+  (void)revents;
+  json_object *params = NULL;
+  json_object *msg = _otrpc_create_stat_msg(&params); /* params is borrowed */
+  if (msg == NULL) return;
+  json_object_object_add(params, "name", json_object_new_string(name));
+  json_object_object_add(params, "echo_count", json_object_new_int(echo_count));
+  otrpc_send(msg);
+  json_object_put(msg);
+  if (verbose > 0) log_debug("statistics sent");
+}
+
+/* ---- shutdown ----------------------------------------------------------------
+ * app_break is safe in a signal handler: app_run returns on the loop thread. */
+static void on_signal(int sig) {
+  (void)sig;
+  app_break();
+}
+
+int main(int argc, char **argv) {
+  DL_APPEND(otrpc_on_state_changed, &state_hook);
+  app_init(&app, argc, argv); /* exits for --help, or when --name is missing */
+
+  log_info("%s started as \"%s\", statistics every %d s, verbosity %d", app.name, name, interval, verbose);
+
+  struct sigaction sa = {0};
+  sa.sa_handler = on_signal;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGINT, &sa, NULL);
+  sigaction(SIGTERM, &sa, NULL);
+
+  ev_timer stat_timer;
+  double every = interval > 0 ? interval : 5;
+  ev_timer_init(&stat_timer, on_stat_timer, every, every);
+  ev_timer_start(ev_default_loop(0), &stat_timer);
+
+  app_run(); /* until app_break */
+
+  ev_timer_stop(ev_default_loop(0), &stat_timer);
+  log_info("%s stopping", app.name);
+  free(name);
+  return 0; /* app_fini runs at exit */
+}

@@ -1,0 +1,310 @@
+// The method registry, outgoing calls with reply callbacks, and the handling
+// of every message that arrives from the agent.
+#include "otrpc/otmethod.h"
+
+#include <errno.h>
+#include <json-c/json.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+
+#include <utlist.h>
+
+#include "common/dlist.h"
+#include "common/mutex_lock.h"
+#include "kelo/app.h"
+#include "kelo/log.h"
+#include "kelo/rand.h"
+#include "otrpc/message.h"
+#include "otrpc/otsocket.h"
+
+namespace kelo::otrpc {
+namespace {
+
+constexpr int32_t kNoId = 0x7fffffff;
+constexpr time_t kReturnMaxAge = 5;
+
+constinit pthread_mutex_t g_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+constinit otmethod_entry *g_table = nullptr;
+constinit otmethod_return_ctx *g_returns = nullptr;
+// Integer ids of the last three requests let through, oldest first.
+constinit int32_t g_recent_ids[3] = {kNoId, kNoId, kNoId};
+constinit otrpc_state_hook g_state_hook = {nullptr, otmethod_on_state_changed, nullptr, nullptr};
+
+// reg_id is written by the send completion on the loop thread without the
+// registry lock, and read under it elsewhere: one aligned word, accessed
+// atomically.
+int32_t load_reg_id(otmethod_entry *e) {
+  return std::atomic_ref<int32_t>(e->reg_id).load(std::memory_order_relaxed);
+}
+void store_reg_id(otmethod_entry *e, int32_t v) {
+  std::atomic_ref<int32_t>(e->reg_id).store(v, std::memory_order_relaxed);
+}
+
+void on_register_written(void *reg_id) {
+  std::atomic_ref<int32_t>(*static_cast<int32_t *>(reg_id)).store(0, std::memory_order_relaxed);
+}
+
+void warn_not_built(const char *name) {
+  log_warning("kelo_util: otrpc: Fail to register method \"%s\"\n", name);
+}
+
+void unlink_return(otmethod_return_ctx *ctx) {
+  if (ctx->prev == nullptr) __assert_fail("(ctx)->prev != NULL", __FILE__, __LINE__, __func__);
+  DL_DELETE(g_returns, ctx);
+  ctx->prev = nullptr;
+  ctx->next = nullptr;
+}
+
+// Whether a request with this integer id was among the last three let
+// through; if not, it becomes the newest of them.
+bool seen_recently(int32_t id) {
+  for (int32_t seen : g_recent_ids)
+    if (seen == id) return true;
+  g_recent_ids[0] = g_recent_ids[1];
+  g_recent_ids[1] = g_recent_ids[2];
+  g_recent_ids[2] = id;
+  return false;
+}
+
+void handle_request(json_object *message, const char *name) {
+  json_object *id = nullptr;
+  json_object_object_get_ex(message, "id", &id);
+  MutexLock inner(&g_lock);
+  otmethod_entry *e = nullptr;
+  HASH_FIND_STR(g_table, name, e);
+  if (e == nullptr || e->callback == nullptr) return;  // unknown methods get no answer
+  json_object *reply = nullptr;
+  if (id == nullptr) {
+    if (e->flags & OTRPC_METHOD_NO_NOTIFY) return;
+  } else {
+    if (json_object_is_type(id, json_type_int) && !(e->flags & OTRPC_METHOD_ALLOW_DUP) &&
+        seen_recently(json_object_get_int(id)))
+      return;
+    reply = json_object_new_object();
+    if (reply == nullptr) return;
+    // A copy rather than a second reference: a handler may keep the reply
+    // and send it from another thread, and json-c's reference counts are
+    // not atomic, so the reply shares nothing with the request.
+    json_object *id_copy = nullptr;
+    if (json_object_deep_copy(id, &id_copy, nullptr) != 0) {
+      json_object_put(reply);
+      return;
+    }
+    json_object_object_add(reply, "id", id_copy);
+  }
+  json_object *params = nullptr;
+  if (!json_object_object_get_ex(message, "params", &params)) params = message;
+  e->refs += 1;
+  int code = e->callback(e->arg, params, reply);
+  if (reply != nullptr) {
+    if (code == OTRPC_RET_SEND_REPLY)
+      otrpc_send(reply);
+    else if (code == 0)
+      otrpc_reply_ok(reply);
+    else if (code != OTRPC_RET_NO_REPLY)
+      otrpc_reply_error(reply, code);
+  }
+  otmethod_entry_put(e);
+  json_object_put(reply);
+}
+
+}  // namespace
+
+void otmethod_entry_put(otmethod_entry *e) {
+  MutexLock lock(&g_lock);
+  if (--e->refs != 0) return;
+  free(e->name);
+  free(e);
+}
+
+int otmethod_on_state_changed(void *, int new_state, int) {
+  if (new_state != OTCONN_CONNECTED) return 0;
+  MutexLock lock(&g_lock);
+  otmethod_entry *e, *tmp;
+  HASH_ITER(hh, g_table, e, tmp) {
+    int32_t queued = load_reg_id(e);
+    if (queued > 0) otsocket_cancel(queued);
+    json_object *msg = otmethod_create_message("register", e->name);
+    if (msg == nullptr) {
+      warn_not_built(e->name);
+      continue;
+    }
+    store_reg_id(e, otrpc_send_immediate(msg) == 0 ? 0 : -1);
+    json_object_put(msg);
+  }
+  return 0;
+}
+
+int otmethod_init() {
+  if (g_state_hook.prev == nullptr) dlist::append(&otrpc_on_state_changed, &g_state_hook);
+  if (app_current == nullptr || app_current->methods == nullptr) return 0;
+  for (const otrpc_method *m = app_current->methods; m->callback != nullptr && m->name != nullptr; ++m)
+    if (otrpc_register(m->name, m->callback, m->arg, m->flags) < 0) return -1;
+  return 0;
+}
+
+void otmethod_fini() {
+  if (g_state_hook.prev != nullptr) KELO_DLIST_UNLINK(&otrpc_on_state_changed, &g_state_hook, "(hook)->prev != NULL");
+  otmethod_entry *e, *tmp;
+  HASH_ITER(hh, g_table, e, tmp) {
+    HASH_DELETE(hh, g_table, e);
+    // A "register" still queued stays queued, but must not report back into
+    // a record that is about to be freed.
+    if (load_reg_id(e) > 0) otsocket_forget_callback_arg(&e->reg_id);
+    otmethod_entry_put(e);
+  }
+  HASH_CLEAR(hh, g_table);
+}
+
+void otmethod_register_return(int id, otrpc_return_cb callback, void *arg) {
+  time_t now = time(nullptr);
+  MutexLock lock(&g_lock);
+  // An expiry callback may itself call (and so expire): each expired context
+  // leaves the list before its callback runs, and the walk starts again.
+  for (otmethod_return_ctx *ctx = g_returns; ctx != nullptr;) {
+    if (now - ctx->created <= kReturnMaxAge) {
+      ctx = ctx->next;
+      continue;
+    }
+    unlink_return(ctx);
+    if (ctx->callback != nullptr) ctx->callback(ctx->arg, nullptr);
+    free(ctx);
+    ctx = g_returns;
+  }
+  auto *ctx = static_cast<otmethod_return_ctx *>(malloc(sizeof(otmethod_return_ctx)));
+  if (ctx == nullptr) abort();
+  ctx->id = id;
+  ctx->callback = callback;
+  ctx->arg = arg;
+  ctx->created = now;
+  DL_APPEND(g_returns, ctx);
+}
+
+void invoke_return_ctx(int id, json_object *message) {
+  MutexLock lock(&g_lock);
+  // Every pending call with this id gets the reply. The callback may call
+  // again (appending, expiring): the context leaves the list first and the
+  // walk starts again from the head.
+  for (otmethod_return_ctx *ctx = g_returns; ctx != nullptr;) {
+    if (ctx->id != id) {
+      ctx = ctx->next;
+      continue;
+    }
+    unlink_return(ctx);
+    if (ctx->callback != nullptr) ctx->callback(ctx->arg, message);
+    free(ctx);
+    ctx = g_returns;
+  }
+}
+
+int otmethod_handle_message(json_object *message) {
+  MutexLock lock(&g_lock);
+  json_object *v = nullptr;
+  if (json_object_object_get_ex(message, "method", &v)) {
+    const char *name = json_object_get_string(v);
+    if (name != nullptr) handle_request(message, name);
+  } else if (json_object_object_get_ex(message, "id", &v)) {
+    invoke_return_ctx(json_object_get_int(v), message);
+  }
+  return -1;
+}
+
+void otmethod_age_returns_for_testing(int seconds) {
+  MutexLock lock(&g_lock);
+  otmethod_return_ctx *ctx;
+  DL_FOREACH(g_returns, ctx) ctx->created -= seconds;
+}
+
+int otmethod_pending_returns_for_testing() {
+  MutexLock lock(&g_lock);
+  int n = 0;
+  otmethod_return_ctx *ctx;
+  DL_COUNT(g_returns, ctx, n);
+  return n;
+}
+
+}  // namespace kelo::otrpc
+
+using namespace kelo::otrpc;
+using kelo::MutexLock;
+
+extern "C" {
+
+KELO_EXPORT int otrpc_register(const char *name, otrpc_method_cb callback, void *arg, unsigned int flags) {
+  if (name == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  auto *e = static_cast<otmethod_entry *>(calloc(1, sizeof(otmethod_entry)));
+  if (e == nullptr) return -1;
+  e->name = strdup(name);
+  if (e->name == nullptr) {
+    free(e);
+    return -1;
+  }
+  e->reg_id = -1;
+  e->callback = callback;
+  e->arg = arg;
+  e->flags = flags;
+  e->refs = 1;
+  json_object *msg = otmethod_create_message("register", name);
+  if (msg != nullptr) {
+    int handle = otrpc_send_cb(msg, on_register_written, &e->reg_id);
+    if (handle > 0) {
+      // Only if the completion has not already reported the text written.
+      int32_t expected = -1;
+      std::atomic_ref<int32_t>(e->reg_id).compare_exchange_strong(expected, handle, std::memory_order_relaxed);
+    }
+    json_object_put(msg);
+  } else {
+    warn_not_built(name);
+  }
+  MutexLock lock(&g_lock);
+  HASH_ADD_KEYPTR(hh, g_table, e->name, strlen(e->name), e);
+  return 0;
+}
+
+KELO_EXPORT void otrpc_unregister(const char *name) {
+  if (name == nullptr) return;
+  MutexLock lock(&g_lock);
+  otmethod_entry *e = nullptr;
+  HASH_FIND_STR(g_table, name, e);
+  if (e == nullptr) return;
+  HASH_DELETE(hh, g_table, e);
+  int32_t reg_id = load_reg_id(e);
+  // A "register" that left the queue between the read above and the cancel
+  // has reached the agent: withdraw it like any announced method.
+  if (reg_id > 0 && otsocket_cancel(reg_id) == 0) reg_id = 0;
+  if (reg_id == 0) {
+    json_object *msg = otmethod_create_message("unregister", name);
+    if (msg != nullptr) {
+      otrpc_send(msg);
+      json_object_put(msg);
+    } else {
+      warn_not_built(name);
+    }
+  }
+  otmethod_entry_put(e);
+}
+
+KELO_EXPORT int otrpc_call(json_object *msg, otrpc_return_cb cb, void *arg) {
+  int id = rand_range(10000, 100000000);
+  otmethod_register_return(id, cb, arg);
+  // Without a message the context stays and expires like any unanswered call.
+  if (msg == nullptr) return -1;
+  otrpc_message_set_id(msg, id);
+  return otrpc_send(msg);
+}
+
+KELO_EXPORT int otrpc_dispatch(json_object *value, const otrpc_dispatch_entry *table) {
+  const char *s = json_object_get_string(value);
+  if (s == nullptr) return -ENOMEM;
+  for (const otrpc_dispatch_entry *d = table; d->name != nullptr && d->handler != nullptr; ++d)
+    if (strcmp(d->name, s) == 0) return d->handler(d->ctx, value);
+  return -ENOENT;
+}
+
+}  // extern "C"

@@ -1,0 +1,307 @@
+// The connection to the agent: socket, send queue and stream tokenising.
+#include "otrpc/otsocket.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <json-c/json.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "common/dlist.h"
+#include "common/mutex_lock.h"
+#include "common/sys_paths.h"
+#include "kelo/log.h"
+#include "otrpc/otconn.h"
+
+namespace kelo::otrpc {
+
+constinit otsocket_close_hook *otsocket_close_hooks = nullptr;
+
+namespace {
+
+constexpr int kIoFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+
+constinit int g_fd = -1;
+constinit otsocket_record *g_queue = nullptr;
+constinit int32_t g_queue_counter = 0;
+// Recursive from load time, so that a send before otrpc_init (or from a
+// thread racing it) never meets an uninitialised mutex.
+constinit pthread_mutex_t g_queue_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+// Received bytes not yet given to the tokener lie in [g_rd, g_wr).
+alignas(8) constinit char g_buf[OTSOCKET_RECV_BUFFER_SIZE] = {};
+constinit size_t g_rd = 0;
+constinit size_t g_wr = 0;
+constinit json_tokener *g_tok = nullptr;
+
+otsocket_record *record_new(const char *text, size_t len, otsocket_send_callback cb, void *arg) {
+  auto *rec = static_cast<otsocket_record *>(malloc(sizeof(otsocket_record) + len));
+  if (rec == nullptr) return nullptr;
+  rec->id = 0;
+  rec->data = reinterpret_cast<char *>(rec + 1);
+  if (len != 0) memcpy(rec->data, text, len);
+  rec->cursor = rec->data;
+  rec->end = rec->data + len;
+  rec->callback = cb;
+  rec->arg = arg;
+  rec->prev = nullptr;
+  rec->next = nullptr;
+  return rec;
+}
+
+}  // namespace
+
+int otsocket_init() {
+  if (g_tok == nullptr) {
+    g_tok = json_tokener_new_ex(OTSOCKET_TOKENER_DEPTH);
+    if (g_tok == nullptr) return -1;
+  }
+  g_rd = g_wr = 0;
+  return 0;
+}
+
+void otsocket_fini() {
+  if (g_tok != nullptr) {
+    json_tokener_reset(g_tok);
+    json_tokener_free(g_tok);
+    g_tok = nullptr;
+  }
+  otsocket_close();
+  for (otsocket_close_hook *h = otsocket_close_hooks, *next; h != nullptr; h = next) {
+    next = h->next;
+    h->prev = nullptr;
+    h->next = nullptr;
+  }
+  otsocket_close_hooks = nullptr;
+}
+
+int otsocket_fd() { return g_fd; }
+
+int otsocket_connect() {
+  if (g_fd >= 0) return 2;
+  const sys::Paths &p = sys::paths();
+  sockaddr_in addr = {};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(p.agent_port);
+  addr.sin_addr.s_addr = inet_addr(p.agent_addr);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  int r = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+  if (r != 0 && errno != EINPROGRESS) {
+    ErrnoSaver keep;
+    close(fd);
+    return -1;
+  }
+  g_fd = fd;
+  return r == 0 ? 0 : 1;
+}
+
+void otsocket_close() {
+  if (g_fd < 0) return;
+  close(g_fd);
+  g_fd = -1;
+  // A hook may unlink itself and append itself again (otconn reconnects from
+  // its hook); walking no further than the tail seen at the start keeps such
+  // a hook from being called twice for one closing.
+  otsocket_close_hook *h = otsocket_close_hooks;
+  otsocket_close_hook *last = h != nullptr ? h->prev : nullptr;
+  while (h != nullptr) {
+    otsocket_close_hook *next = h->next;
+    bool was_last = h == last;
+    if (h->fn(h->arg) != 0 || was_last) break;
+    h = next;
+  }
+}
+
+int otsocket_enqueue(const char *text, size_t len, otsocket_send_callback cb, void *arg) {
+  otsocket_record *rec = record_new(text, len, cb, arg);
+  if (rec == nullptr) return -1;
+  MutexLock lock(&g_queue_lock);
+  // Wraps from 2147483647 to 1 (computed unsigned: no signed overflow).
+  g_queue_counter = static_cast<int32_t>(static_cast<uint32_t>(g_queue_counter) + 1u);
+  if (g_queue_counter < 0) g_queue_counter = 1;
+  rec->id = g_queue_counter;
+  dlist::append(&g_queue, rec);
+  return rec->id;
+}
+
+namespace {
+
+// Writes what is left of rec; on a hard error the socket is closed now, or,
+// when close_later is given, left for the caller to close after it released
+// the queue lock (the close hooks reconnect and may take the registry lock,
+// which must never be taken while holding the queue lock).
+int write_record(otsocket_record *rec, bool *close_later) {
+  log_debug("otrpc: sending %.*s", static_cast<int>(rec->end - rec->cursor), rec->cursor);
+  while (rec->cursor != rec->end) {
+    ssize_t n = send(g_fd, rec->cursor, static_cast<size_t>(rec->end - rec->cursor), kIoFlags);
+    if (n >= 0) {
+      rec->cursor += n;
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return -1;
+    if (close_later != nullptr)
+      *close_later = true;
+    else
+      otsocket_close();
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int otsocket_write_record(otsocket_record *rec) { return write_record(rec, nullptr); }
+
+int otsocket_flush_immediate() {
+  bool close_later = false;
+  int pending;
+  {
+    MutexLock lock(&g_queue_lock);
+    if (g_fd < 0) return g_queue != nullptr ? 1 : 0;
+    for (otsocket_record *rec = g_queue, *next; rec != nullptr; rec = next) {
+      next = rec->next;
+      if (write_record(rec, &close_later) != 0) break;
+      KELO_DLIST_UNLINK(&g_queue, rec, "(q)->prev != NULL");
+      if (rec->callback != nullptr) rec->callback(rec->arg);
+      // The callback may have cancelled or queued records: go on from the head.
+      next = g_queue;
+      free(rec);
+    }
+    pending = g_queue != nullptr ? 1 : 0;
+  }
+  if (close_later) otsocket_close();
+  return pending;
+}
+
+int otsocket_send_immediate(const char *text, size_t len) {
+  if (g_fd < 0) return -1;
+  otsocket_record *rec = record_new(text, len, nullptr, nullptr);
+  if (rec == nullptr) return -1;
+  int r = otsocket_write_record(rec);
+  free(rec);
+  return r;
+}
+
+int otsocket_cancel(int id) {
+  MutexLock lock(&g_queue_lock);
+  otsocket_record *rec = g_queue;
+  while (rec != nullptr && rec->id != id) rec = rec->next;
+  if (rec == nullptr) return 0;
+  KELO_DLIST_UNLINK(&g_queue, rec, "(q)->prev != NULL");
+  free(rec);
+  return 1;
+}
+
+void otsocket_forget_callback_arg(void *arg) {
+  MutexLock lock(&g_queue_lock);
+  for (otsocket_record *r = g_queue; r != nullptr; r = r->next)
+    if (r->arg == arg) r->callback = nullptr;
+}
+
+int otsocket_receive(int fd, json_object **out) {
+  errno = 0;
+  bool stopped = false;  // no more reading in this call
+  bool dry = false;      // every received byte went to the tokener
+  int result = 0;
+  for (;;) {
+    if (stopped && dry) return result;
+    if (!stopped) {
+      if (OTSOCKET_RECV_BUFFER_SIZE - g_wr < OTSOCKET_COMPACT_THRESHOLD) {
+        size_t unread = g_wr - g_rd;
+        if (unread != 0) memmove(g_buf, g_buf + g_rd, unread);
+        g_rd = 0;
+        g_wr = unread;
+      }
+      size_t space = OTSOCKET_RECV_BUFFER_SIZE - g_wr;
+      // Each pass below consumes at least one byte, so space is never 0
+      // here; a recv of 0 bytes would read as end of stream, so never ask.
+      if (space != 0) {
+        ssize_t n;
+        do {
+          n = recv(fd, g_buf + g_wr, space, kIoFlags);
+        } while (n < 0 && errno == EINTR);
+        if (n > 0) {
+          log_debug("otrpc: received: %.*s", static_cast<int>(n), g_buf + g_wr);
+          g_wr += static_cast<size_t>(n);
+        } else {
+          if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) otsocket_close();
+          result = -1;
+          stopped = true;
+        }
+      }
+    }
+    if (g_rd == g_wr) {
+      dry = true;
+      continue;
+    }
+    json_object *obj = json_tokener_parse_ex(g_tok, g_buf + g_rd, static_cast<int>(g_wr - g_rd));
+    g_rd += g_tok->char_offset > 0 ? static_cast<size_t>(g_tok->char_offset) : 1;
+    if (g_rd > g_wr) g_rd = g_wr;
+    if (obj != nullptr) {
+      if (json_object_is_type(obj, json_type_object)) {
+        *out = obj;
+        return 1;
+      }
+      json_object_put(obj);
+    }
+    json_tokener_error err = json_tokener_get_error(g_tok);
+    if (err == json_tokener_continue) continue;
+    if (err == json_tokener_error_parse_eof)
+      while (g_rd < g_wr && g_buf[g_rd] == '\0') ++g_rd;
+    json_tokener_reset(g_tok);
+  }
+}
+
+void otsocket_set_queue_counter_for_testing(int32_t v) {
+  MutexLock lock(&g_queue_lock);
+  g_queue_counter = v;
+}
+
+int otsocket_queue_length_for_testing() {
+  MutexLock lock(&g_queue_lock);
+  int n = 0;
+  for (otsocket_record *r = g_queue; r != nullptr; r = r->next) ++n;
+  return n;
+}
+
+void otsocket_discard_queue_for_testing() {
+  MutexLock lock(&g_queue_lock);
+  while (g_queue != nullptr) {
+    otsocket_record *r = g_queue;
+    KELO_DLIST_UNLINK(&g_queue, r, "(q)->prev != NULL");
+    free(r);
+  }
+}
+
+}  // namespace kelo::otrpc
+
+using namespace kelo::otrpc;
+
+extern "C" {
+
+KELO_EXPORT int otrpc_send_cb(json_object *msg, otsocket_send_callback cb, void *arg) {
+  const char *text = json_object_to_json_string_ext(msg, 0);
+  if (text == nullptr) return -1;
+  int id = otsocket_enqueue(text, strlen(text), cb, arg);
+  if (id < 0) return -1;
+  otconn_wakeup();
+  return id;
+}
+
+KELO_EXPORT int otrpc_send(json_object *msg) { return otrpc_send_cb(msg, nullptr, nullptr); }
+
+KELO_EXPORT int otrpc_send_immediate(json_object *msg) {
+  if (msg == nullptr) return -1;
+  const char *text = json_object_to_json_string_ext(msg, 0);
+  if (text == nullptr) return -1;
+  return otsocket_send_immediate(text, strlen(text));
+}
+
+KELO_EXPORT int otrpc_send_cancel(int id) { return otsocket_cancel(id); }
+
+}  // extern "C"
