@@ -3,6 +3,7 @@
 // when that routine changes, this file changes with it.
 #include "osd/font_check.h"
 
+#include <math.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -227,8 +228,49 @@ bool glyf_offset(const Font &f, int64_t glyph, int64_t &g) {
   return true;
 }
 
+// Range of the coordinates in a glyph's vertices (0 included: line
+// vertices carry 0 as control point).
+struct Box {
+  float x0 = 0, y0 = 0, x1 = 0, y1 = 0;
+  void add(float x, float y) {
+    x0 = x < x0 ? x : x0;
+    y0 = y < y0 ? y : y0;
+    x1 = x > x1 ? x : x1;
+    y1 = y > y1 ? y : y1;
+  }
+};
+
+// The library stores transformed component coordinates in 16 bits; a value
+// outside that range is undefined behaviour, not just a wrong outline.
+bool fits16(float v) { return v > -32767.0f && v < 32766.0f; }
+
+// Reads the n deltas of one axis (x: short bit 2, same bit 16; y: 4, 32).
+bool read_axis(const Font &f, int64_t &p, const unsigned char *flags, int64_t n, unsigned short_bit,
+               unsigned same_bit, int32_t &lo, int32_t &hi) {
+  int32_t v = 0;
+  for (int64_t i = 0; i < n; ++i) {
+    const unsigned fl = flags[i];
+    if (fl & short_bit) {
+      uint32_t d;
+      if (!f.r.u8(p++, d)) return false;
+      v += (fl & same_bit) ? static_cast<int32_t>(d) : -static_cast<int32_t>(d);
+    } else if (!(fl & same_bit)) {
+      int32_t d;
+      if (!f.r.s16(p, d)) return false;
+      p += 2;
+      v += d;
+    }
+    const int32_t stored = static_cast<int16_t>(v);
+    lo = stored < lo ? stored : lo;
+    hi = stored > hi ? stored : hi;
+  }
+  return true;
+}
+
 // stbtt__GetGlyphShapeTT (and stbtt_GetGlyphBox, which reads the header).
-bool check_shape(Font &f, int64_t glyph, int depth) {
+// box receives the range of the coordinates the outline will carry.
+bool check_shape(Font &f, int64_t glyph, int depth, Box &box) {
+  box = Box{};
   int64_t g;
   if (!glyf_offset(f, glyph, g)) return false;
   if (g < 0) return true;
@@ -257,9 +299,11 @@ bool check_shape(Font &f, int64_t glyph, int depth) {
       }
       flags.get()[i] = static_cast<unsigned char>(fl);
     }
-    for (int64_t i = 0; i < n; ++i) p += (flags.get()[i] & 2) ? 1 : (flags.get()[i] & 16) ? 0 : 2;
-    for (int64_t i = 0; i < n; ++i) p += (flags.get()[i] & 4) ? 1 : (flags.get()[i] & 32) ? 0 : 2;
-    if (p > g && !f.r.has(g, p - g)) return false;
+    int32_t x0 = 0, x1 = 0, y0 = 0, y1 = 0;
+    if (!read_axis(f, p, flags.get(), n, 2, 16, x0, x1) || !read_axis(f, p, flags.get(), n, 4, 32, y0, y1))
+      return false;
+    box.add(static_cast<float>(x0), static_cast<float>(y0));
+    box.add(static_cast<float>(x1), static_cast<float>(y1));
     // A contour that starts off-curve looks at the point after it: the last
     // point may not begin such a contour (the library would read past its
     // vertex array).
@@ -279,7 +323,7 @@ bool check_shape(Font &f, int64_t glyph, int depth) {
     return true;
   }
   if (contours == 0) return true;
-  // Composite: components drawn recursively.
+  // Composite: components drawn recursively, each through its transform.
   if (depth >= kMaxDepth) return false;
   int64_t comp = g + 10;
   for (bool more = true; more;) {
@@ -287,16 +331,52 @@ bool check_shape(Font &f, int64_t glyph, int depth) {
     if (!f.r.u16(comp, flags) || !f.r.u16(comp + 2, component)) return false;
     comp += 4;
     if (!(flags & 2)) return false;  // point matching: an assertion in the library
-    comp += (flags & 1) ? 4 : 2;
-    if (flags & (1 << 3))
-      comp += 2;
-    else if (flags & (1 << 6))
+    float mtx[6] = {1, 0, 0, 1, 0, 0};
+    int32_t a, b, c, d;
+    if (flags & 1) {
+      if (!f.r.s16(comp, a) || !f.r.s16(comp + 2, b)) return false;
       comp += 4;
-    else if (flags & (1 << 7))
+    } else {
+      uint32_t ua, ub;
+      if (!f.r.u8(comp, ua) || !f.r.u8(comp + 1, ub)) return false;
+      a = static_cast<int8_t>(ua);
+      b = static_cast<int8_t>(ub);
+      comp += 2;
+    }
+    mtx[4] = static_cast<float>(a);
+    mtx[5] = static_cast<float>(b);
+    if (flags & (1 << 3)) {
+      if (!f.r.s16(comp, a)) return false;
+      mtx[0] = mtx[3] = static_cast<float>(a) / 16384.0f;
+      comp += 2;
+    } else if (flags & (1 << 6)) {
+      if (!f.r.s16(comp, a) || !f.r.s16(comp + 2, d)) return false;
+      mtx[0] = static_cast<float>(a) / 16384.0f;
+      mtx[3] = static_cast<float>(d) / 16384.0f;
+      comp += 4;
+    } else if (flags & (1 << 7)) {
+      if (!f.r.s16(comp, a) || !f.r.s16(comp + 2, b) || !f.r.s16(comp + 4, c) || !f.r.s16(comp + 6, d))
+        return false;
+      mtx[0] = static_cast<float>(a) / 16384.0f;
+      mtx[1] = static_cast<float>(b) / 16384.0f;
+      mtx[2] = static_cast<float>(c) / 16384.0f;
+      mtx[3] = static_cast<float>(d) / 16384.0f;
       comp += 8;
-    if (!f.r.has(g, comp - g)) return false;
+    }
     if (++f.components > kMaxComponents) return false;
-    if (!check_shape(f, component, depth + 1)) return false;
+    Box part;
+    if (!check_shape(f, component, depth + 1, part)) return false;
+    // The transform is linear: the corners of the component's range bound
+    // every transformed coordinate.
+    const float m = sqrtf(mtx[0] * mtx[0] + mtx[1] * mtx[1]);
+    const float n = sqrtf(mtx[2] * mtx[2] + mtx[3] * mtx[3]);
+    for (float x : {part.x0, part.x1})
+      for (float y : {part.y0, part.y1}) {
+        const float tx = m * (mtx[0] * x + mtx[2] * y + mtx[4]);
+        const float ty = n * (mtx[1] * x + mtx[3] * y + mtx[5]);
+        if (!fits16(tx) || !fits16(ty)) return false;
+        box.add(tx, ty);
+      }
     more = flags & (1 << 5);
   }
   return true;
@@ -326,7 +406,8 @@ bool font_usable(const unsigned char *font, size_t len, int offset, const char *
     if (!check_hmetrics(f, glyph)) return false;
     f.components = 0;
     f.points = 0;
-    if (!check_shape(f, glyph, 0)) return false;
+    Box box;
+    if (!check_shape(f, glyph, 0, box)) return false;
   }
   return true;
 }

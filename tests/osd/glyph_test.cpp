@@ -241,3 +241,25 @@ TEST(Glyph, DamagedFonts) {
     free(bmp);
   }
 }
+
+// The fuzzer's seed fonts (scripts/make-font-seeds): cmap formats 4, 6 and
+// 12, short and long 'loca', off-curve contour starts, scaled composites.
+TEST(Glyph, SmallFontsOfEveryMapFormat) {
+  for (const char *name : {"cmap4-short", "cmap4-long", "cmap6", "cmap12"}) {
+    auto font = load((std::string(KELO_SOURCE_DIR) + "/fuzz/corpus/osd_font_fuzz/seed-" + name + ".ttf").c_str());
+    ASSERT_FALSE(font.empty()) << name;
+    Canvas c = render(font, "0123456789:/", 140, 16, 16);
+    EXPECT_EQ(c.pen, 9 * 8 + 9 + 4 + 5) << name;
+    for (int g = 0; g < 10; ++g) {
+      // Box tops at row 3; curved or offset outlines start a row lower.
+      int top = top_ink(c, g * 8, g * 8 + 8);
+      EXPECT_TRUE(top == 3 || top == 4) << name << " glyph " << g << ": " << top;
+    }
+    // A damaged copy: every single-byte change is refused or drawn, never more.
+    for (size_t i = 0; i < font.size(); ++i) {
+      auto bad = font;
+      bad[i] ^= 0x80;
+      render(bad, "0123456789:/", 140, 16, 16);
+    }
+  }
+}
