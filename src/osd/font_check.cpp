@@ -275,8 +275,8 @@ bool check_shape(Font &f, int64_t glyph, int depth, Box &box) {
   if (!glyf_offset(f, glyph, g)) return false;
   if (g < 0) return true;
   if (!f.r.has(g, 10)) return false;
-  int32_t contours;
-  f.r.s16(g, contours);
+  int32_t contours = 0;
+  if (!f.r.s16(g, contours)) return false;
   if (contours > 0) {
     const int64_t end_pts = g + 10;
     uint32_t ins, last;
