@@ -102,12 +102,13 @@ unsigned char *convert(const unsigned char *bitmap, int width, int height, size_
 }  // namespace
 
 unsigned char *Bitmap888ToYUV(const unsigned char *bitmap, int width, int height) {
+  // The stride trace comes first, on every call; tools grep for it.
+  const int64_t stride = (3 * static_cast<int64_t>(width) + 3) & ~int64_t{3};
+  printf("{bitmapLineByte is %d}\n", static_cast<int>(stride));
   if (bitmap == nullptr) {
     printf("[%s] param NULL, buf:%p, \n", "Bitmap888ToYUV", static_cast<const void *>(bitmap));
     return nullptr;
   }
-  const int64_t stride = (3 * static_cast<int64_t>(width) + 3) & ~int64_t{3};
-  printf("{bitmapLineByte is %d}\n", static_cast<int>(stride));
   // Negative or empty sizes would index before the bitmap: nothing to convert.
   if (!size_ok(width, height)) return nullptr;
   unsigned char *out = convert<Pixel888>(bitmap, width, height, static_cast<size_t>(stride), false);

@@ -151,7 +151,7 @@ TEST(Yuv, Bitmap888) {
     free(kelo::osd::Bitmap888ToYUV(std::vector<unsigned char>(8, 0).data(), 2, 1));
     EXPECT_EQ(kelo::osd::Bitmap888ToYUV(nullptr, 2, 2), nullptr);
   });
-  EXPECT_EQ(r.out, "{bitmapLineByte is 8}\n[Bitmap888ToYUV] param NULL, buf:(nil), \n");
+  EXPECT_EQ(r.out, "{bitmapLineByte is 8}\n{bitmapLineByte is 8}\n[Bitmap888ToYUV] param NULL, buf:(nil), \n");
 }
 
 TEST(Yuv, Ascii2yuv) {
