@@ -224,7 +224,8 @@ TEST(AvParse, AckTable) {
   EXPECT_EQ(seen.calls, 0);
   EXPECT_EQ(parse_ack(cat({{1, 2, 3}, ack})), 31);
   EXPECT_EQ(seen.calls, 1);
-  EXPECT_EQ(parse_ack(cat({ack, ack})), 28);
+  const Bytes two = cat({ack, ack});
+  EXPECT_EQ(parse_ack(two), 28);
   EXPECT_EQ(seen.calls, 2);
   EXPECT_EQ(seen.ack, 99u);
   EXPECT_EQ(memcmp(seen.payload, "abcd", 4), 0);
