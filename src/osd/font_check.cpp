@@ -228,16 +228,30 @@ bool glyf_offset(const Font &f, int64_t glyph, int64_t &g) {
   return true;
 }
 
-// Range of the coordinates in a glyph's vertices (0 included: line
-// vertices carry 0 as control point).
-struct Box {
+// Ranges of a glyph's outline: `all` covers every coordinate its vertices
+// carry (0 included: line vertices carry 0 as control point), `pts` only the
+// outline points, empty for a glyph without outline.
+struct Range {
   float x0 = 0, y0 = 0, x1 = 0, y1 = 0;
+  bool empty = true;
   void add(float x, float y) {
+    if (empty) {
+      x0 = x1 = x;
+      y0 = y1 = y;
+      empty = false;
+      return;
+    }
     x0 = x < x0 ? x : x0;
     y0 = y < y0 ? y : y0;
     x1 = x > x1 ? x : x1;
     y1 = y > y1 ? y : y1;
   }
+};
+
+struct Box {
+  Range all, pts;
+  int32_t head_y1 = 0;  // yMax of the glyph header
+  Box() { all.add(0, 0); }
 };
 
 // The library stores transformed component coordinates in 16 bits; a value
@@ -276,7 +290,7 @@ bool check_shape(Font &f, int64_t glyph, int depth, Box &box) {
   if (g < 0) return true;
   if (!f.r.has(g, 10)) return false;
   int32_t contours = 0;
-  if (!f.r.s16(g, contours)) return false;
+  if (!f.r.s16(g, contours) || !f.r.s16(g + 8, box.head_y1)) return false;
   if (contours > 0) {
     const int64_t end_pts = g + 10;
     uint32_t ins, last;
@@ -302,8 +316,10 @@ bool check_shape(Font &f, int64_t glyph, int depth, Box &box) {
     int32_t x0 = 0, x1 = 0, y0 = 0, y1 = 0;
     if (!read_axis(f, p, flags.get(), n, 2, 16, x0, x1) || !read_axis(f, p, flags.get(), n, 4, 32, y0, y1))
       return false;
-    box.add(static_cast<float>(x0), static_cast<float>(y0));
-    box.add(static_cast<float>(x1), static_cast<float>(y1));
+    for (Range *r : {&box.all, &box.pts}) {
+      r->add(static_cast<float>(x0), static_cast<float>(y0));
+      r->add(static_cast<float>(x1), static_cast<float>(y1));
+    }
     // A contour that starts off-curve looks at the point after it: the last
     // point may not begin such a contour (the library would read past its
     // vertex array).
@@ -370,13 +386,17 @@ bool check_shape(Font &f, int64_t glyph, int depth, Box &box) {
     // every transformed coordinate.
     const float m = sqrtf(mtx[0] * mtx[0] + mtx[1] * mtx[1]);
     const float n = sqrtf(mtx[2] * mtx[2] + mtx[3] * mtx[3]);
-    for (float x : {part.x0, part.x1})
-      for (float y : {part.y0, part.y1}) {
-        const float tx = m * (mtx[0] * x + mtx[2] * y + mtx[4]);
-        const float ty = n * (mtx[1] * x + mtx[3] * y + mtx[5]);
-        if (!fits16(tx) || !fits16(ty)) return false;
-        box.add(tx, ty);
-      }
+    for (int which = 0; which < 2; ++which) {
+      const Range &from = which ? part.pts : part.all;
+      if (from.empty) continue;
+      for (float x : {from.x0, from.x1})
+        for (float y : {from.y0, from.y1}) {
+          const float tx = m * (mtx[0] * x + mtx[2] * y + mtx[4]);
+          const float ty = n * (mtx[1] * x + mtx[3] * y + mtx[5]);
+          if (!fits16(tx) || !fits16(ty)) return false;
+          (which ? box.pts : box.all).add(tx, ty);
+        }
+    }
     more = flags & (1 << 5);
   }
   return true;
@@ -408,6 +428,10 @@ bool font_usable(const unsigned char *font, size_t len, int offset, const char *
     f.points = 0;
     Box box;
     if (!check_shape(f, glyph, 0, box)) return false;
+    // The rasteriser clips edges above the glyph box only when the box does
+    // not start at the baseline row; a glyph declared to end at or below the
+    // baseline whose outline rises above it ends in an assertion there.
+    if (box.head_y1 <= 0 && !box.pts.empty && box.pts.y1 > 0) return false;
   }
   return true;
 }

@@ -263,3 +263,10 @@ TEST(Glyph, SmallFontsOfEveryMapFormat) {
     }
   }
 }
+
+// Inputs that once broke the font check (kept in the fuzzer's corpus).
+TEST(Glyph, FuzzFindingsAreRefused) {
+  auto font = load(KELO_SOURCE_DIR "/fuzz/corpus/osd_font_fuzz/crash-outline-above-box");
+  ASSERT_FALSE(font.empty());
+  EXPECT_EQ(render(font, "2018:01:05 15:24:59", 140, 16, 16).pen, -1);
+}
