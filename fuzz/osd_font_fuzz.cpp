@@ -1,0 +1,29 @@
+// Arbitrary bytes as the font: osd_render_text must answer -1 or draw, and
+// never read outside the font data.
+//
+// stb_truetype is compiled into this program (it takes precedence over the
+// shared libstb), so that the sanitizers see its reads and its assertions.
+#include <limits.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define STB_TRUETYPE_IMPLEMENTATION
+#include <stb_truetype.h>
+
+#include "kelo/osd.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  // Exact-size heap copy, so a read past the end is caught.
+  auto *font = static_cast<unsigned char *>(malloc(size ? size : 1));
+  if (size) memcpy(font, data, size);
+  static unsigned char canvas[420 * 48];
+  static const char *const texts[] = {"2018:01:05 15:24:59", "0123456789/: \x7f\x80\xe9\xff"};
+  for (const char *text : texts) {
+    int pen = osd_render_text(font, size, 0, canvas, 16.0f, 140, 16, text);
+    if (pen != -1 && pen != (text == texts[0] ? 140 : 133)) abort();  // fixed advances
+    osd_render_text(font, size, 0, canvas, 48.0f, 420, 48, text);
+  }
+  free(font);
+  return 0;
+}
