@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <json-c/json.h>
 #include <pthread.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -19,6 +20,13 @@
 #include "kelo/rand.h"
 #include "otrpc/message.h"
 #include "otrpc/otsocket.h"
+
+#if defined(__arm__)
+// Services fill these tables; their layout is the device's ABI.
+static_assert(sizeof(otrpc_method) == 16 && offsetof(otrpc_method, flags) == 12, "method table entry");
+static_assert(sizeof(otrpc_dispatch_entry) == 12, "dispatch table entry");
+static_assert(sizeof(otrpc_state_hook) == 16 && offsetof(otrpc_state_hook, next) == 12, "state hook node");
+#endif
 
 namespace kelo::otrpc {
 namespace {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "kelo/app.h"
 #include "kelo/otrpc.h"
 #include "otrpc/otconn.h"
 #include "otrpc/otmethod.h"
@@ -224,6 +225,53 @@ TEST_F(Client, UnregisterWithdrawsAnnouncedMethodsOnly) {
   otrpc_unregister("brief");
   kelo::test::pump_for(0.2);
   for (const auto &r : agent_->received()) EXPECT_NE(jstr(r.obj, "key"), "brief") << r.text;
+}
+
+TEST_F(Client, SameNameTwiceNewerAnswersFirstAndUnregistersFirst) {
+  ASSERT_EQ(otrpc_register("dup", handler_code, &calls_, OTRPC_METHOD_ALLOW_DUP), 0);
+  ASSERT_EQ(otrpc_register("dup", handler_code, &other_, OTRPC_METHOD_ALLOW_DUP), 0);
+  otrpc_start();
+  ASSERT_TRUE(pump_until([&] { return agent_->with_method("register").size() == 2; }, 5));
+  ASSERT_NE(request(R"({"method":"dup","id":1})", 1), nullptr);
+  EXPECT_EQ(other_.n, 1);
+  otrpc_unregister("dup");
+  ASSERT_NE(request(R"({"method":"dup","id":2})", 2), nullptr);
+  EXPECT_EQ(calls_.n, 1);
+  otrpc_unregister("dup");
+  ASSERT_TRUE(pump_until([&] { return agent_->with_method("unregister").size() == 2; }, 3));
+  agent_->send_raw(R"({"method":"dup","id":3})");
+  kelo::test::pump_for(0.2);
+  EXPECT_EQ(agent_->reply_for(3), nullptr);
+  EXPECT_EQ(calls_.n + other_.n, 2);
+}
+
+TEST(ClientInit, RegistersTheApplicationTableUpToItsEnd) {
+  kelo::test::Sandbox sb;
+  FakeAgent agent(sb.agent_port());
+  Calls calls;
+  const otrpc_method table[] = {{"a", handler_code, &calls, 0},
+                                {"b", handler_code, &calls, 0},
+                                {"c", nullptr, &calls, 0},
+                                {"d", handler_code, &calls, 0},
+                                {nullptr, nullptr, nullptr, 0}};
+  static app_desc desc = {};
+  desc.methods = table;
+  app_current = &desc;
+  ASSERT_EQ(otrpc_init(), 0);
+  otrpc_start();
+  ASSERT_TRUE(pump_until([&] { return agent.with_method("register").size() == 2; }, 5));
+  kelo::test::pump_for(0.2);
+  auto regs = agent.with_method("register");
+  ASSERT_EQ(regs.size(), 2u);
+  EXPECT_EQ(jstr(regs[0].obj, "key"), "a");
+  EXPECT_EQ(jstr(regs[1].obj, "key"), "b");
+  otrpc_fini();
+  // A table whose first entry has no handler registers nothing.
+  const otrpc_method empty[] = {{"x", nullptr, nullptr, 0}, {"y", handler_code, &calls, 0}, {}};
+  desc.methods = empty;
+  ASSERT_EQ(otrpc_init(), 0);
+  otrpc_fini();
+  app_current = nullptr;
 }
 
 struct CallLog {
