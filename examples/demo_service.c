@@ -23,6 +23,7 @@
 
 #include <kelo/app.h>
 #include <kelo/log.h>
+#include <kelo/osd.h>
 #include <kelo/otrpc.h>
 
 /* ---- options ---------------------------------------------------------------
@@ -84,10 +85,34 @@ static int demo_time(void *arg, json_object *params, json_object *reply) {
   return OTRPC_RET_SEND_REPLY;
 }
 
+/* demo.osd: draws the current time as an on-screen-display stamp (NV12, the
+ * way video services overlay it) and answers with the image's size. On a PC
+ * without the device's font this answers "error": {"code": -1}. */
+static int demo_osd(void *arg, json_object *params, json_object *reply) {
+  (void)arg;
+  (void)params;
+  char text[32];
+  time_t now = time(NULL);
+  struct tm tm;
+  strftime(text, sizeof text, "%Y:%m:%d %H:%M:%S", localtime_r(&now, &tm));
+  int w = 0, h = 0;
+  unsigned char *yuv = Ascii2yuv(text, &w, &h, 16, 1); /* flip 1: upright */
+  if (yuv == NULL) return -1;
+  free(yuv); /* a video service would blend it into the frame here */
+  if (reply == NULL) return 0;
+  json_object *result = json_object_new_object();
+  json_object_object_add(result, "text", json_object_new_string(text));
+  json_object_object_add(result, "width", json_object_new_int(w));
+  json_object_object_add(result, "height", json_object_new_int(h));
+  json_object_object_add(result, "bytes", json_object_new_int(w * h * 3 / 2));
+  json_object_object_add(reply, "result", result);
+  return OTRPC_RET_SEND_REPLY;
+}
+
 static const otrpc_method methods[] = {
     {"demo.echo", demo_echo, NULL, 0},
     {"demo.time", demo_time, NULL, 0},
-    /* The OSD method goes here: {"demo.osd", demo_osd, NULL, 0}, */
+    {"demo.osd", demo_osd, NULL, 0},
     {NULL, NULL, NULL, 0} /* terminator */
 };
 

@@ -6,5 +6,8 @@
 #include <kelo/log.h>
 #include <kelo/rand.h>
 #include <kelo/devinfo.h>
+#include <kelo/otrpc.h>
+#include <kelo/av.h>
+#include <kelo/osd.h>
 
 #endif
