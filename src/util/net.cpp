@@ -33,6 +33,10 @@ const char *wireless_ifname() {
   return rec->ifname;
 }
 
+// strncpy(dst, name, IFNAMSIZ) into a cleared request: at most 16 bytes, no
+// terminator added when the name fills them (the kernel adds its own).
+void copy_ifname(char (&dst)[IFNAMSIZ], const char *name) { memcpy(dst, name, strnlen(name, IFNAMSIZ)); }
+
 }  // namespace
 }  // namespace kelo::net
 
@@ -135,7 +139,7 @@ KELO_EXPORT int net_iw_stat(struct iw_statistics *stats) {
   wrq.u.data.pointer = stats;
   wrq.u.data.length = sizeof(struct iw_statistics);
   wrq.u.data.flags = 0;
-  strncpy(wrq.ifr_name, ifname, IFNAMSIZ);
+  copy_ifname(wrq.ifr_name, ifname);
   kelo::UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!sock.valid()) return -1;
   if (ioctl(sock.get(), SIOCGIWSTATS, &wrq) < 0) return -1;
@@ -149,7 +153,7 @@ KELO_EXPORT int net_iw_hwaddr(void *out, size_t outlen) {
   memset(&ifr, 0, sizeof ifr);
   kelo::UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!sock.valid()) return -1;
-  strncpy(ifr.ifr_name, ifname, IFNAMSIZ);
+  copy_ifname(ifr.ifr_name, ifname);
   if (ioctl(sock.get(), SIOCGIFHWADDR, &ifr) < 0) return -1;
   size_t n = outlen < sizeof ifr.ifr_hwaddr ? outlen : sizeof ifr.ifr_hwaddr;
   memcpy(out, &ifr.ifr_hwaddr, n);
