@@ -26,15 +26,24 @@ inline void store_le32(unsigned char *p, uint32_t v) {
   p[3] = static_cast<unsigned char>(v >> 24);
 }
 
-// The four auxiliary functions; G and I in forms with fewer operations.
+// The four auxiliary functions. G is written as a sum of its two disjoint
+// halves and every step adds the message word and constant first: both let
+// the processor start a step before the previous one has finished.
 #define MD5_AUX_F(x, y, z) ((((y) ^ (z)) & (x)) ^ (z))
-#define MD5_AUX_G(x, y, z) ((((x) ^ (y)) & (z)) ^ (y))
 #define MD5_AUX_H(x, y, z) ((x) ^ (y) ^ (z))
 #define MD5_AUX_I(x, y, z) ((y) ^ ((x) | ~(z)))
-#define KELO_MD5_STEP(f, a, b, c, d, x, s, ac) \
-  do {                                         \
-    (a) += f((b), (c), (d)) + (x) + (ac);      \
-    (a) = rotl((a), (s)) + (b);                \
+#define MD5_AUX_STEP(f, a, b, c, d, x, s, ac) \
+  do {                                        \
+    (a) += (x) + (ac);                        \
+    (a) += f((b), (c), (d));                  \
+    (a) = rotl((a), (s)) + (b);               \
+  } while (0)
+#define MD5_STEP_G(a, b, c, d, x, s, ac) \
+  do {                                   \
+    (a) += (x) + (ac);                   \
+    (a) += (d) & (b);                    \
+    (a) += ~(d) & (c);                   \
+    (a) = rotl((a), (s)) + (b);          \
   } while (0)
 
 void transform(uint32_t state[4], const unsigned char *block) {
@@ -42,73 +51,73 @@ void transform(uint32_t state[4], const unsigned char *block) {
   for (int i = 0; i < 16; ++i) x[i] = load_le32(block + 4 * i);
   uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
 
-  KELO_MD5_STEP(MD5_AUX_F, a, b, c, d, x[0], 7, 0xd76aa478);
-  KELO_MD5_STEP(MD5_AUX_F, d, a, b, c, x[1], 12, 0xe8c7b756);
-  KELO_MD5_STEP(MD5_AUX_F, c, d, a, b, x[2], 17, 0x242070db);
-  KELO_MD5_STEP(MD5_AUX_F, b, c, d, a, x[3], 22, 0xc1bdceee);
-  KELO_MD5_STEP(MD5_AUX_F, a, b, c, d, x[4], 7, 0xf57c0faf);
-  KELO_MD5_STEP(MD5_AUX_F, d, a, b, c, x[5], 12, 0x4787c62a);
-  KELO_MD5_STEP(MD5_AUX_F, c, d, a, b, x[6], 17, 0xa8304613);
-  KELO_MD5_STEP(MD5_AUX_F, b, c, d, a, x[7], 22, 0xfd469501);
-  KELO_MD5_STEP(MD5_AUX_F, a, b, c, d, x[8], 7, 0x698098d8);
-  KELO_MD5_STEP(MD5_AUX_F, d, a, b, c, x[9], 12, 0x8b44f7af);
-  KELO_MD5_STEP(MD5_AUX_F, c, d, a, b, x[10], 17, 0xffff5bb1);
-  KELO_MD5_STEP(MD5_AUX_F, b, c, d, a, x[11], 22, 0x895cd7be);
-  KELO_MD5_STEP(MD5_AUX_F, a, b, c, d, x[12], 7, 0x6b901122);
-  KELO_MD5_STEP(MD5_AUX_F, d, a, b, c, x[13], 12, 0xfd987193);
-  KELO_MD5_STEP(MD5_AUX_F, c, d, a, b, x[14], 17, 0xa679438e);
-  KELO_MD5_STEP(MD5_AUX_F, b, c, d, a, x[15], 22, 0x49b40821);
+  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[0], 7, 0xd76aa478);
+  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[1], 12, 0xe8c7b756);
+  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[2], 17, 0x242070db);
+  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[3], 22, 0xc1bdceee);
+  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[4], 7, 0xf57c0faf);
+  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[5], 12, 0x4787c62a);
+  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[6], 17, 0xa8304613);
+  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[7], 22, 0xfd469501);
+  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[8], 7, 0x698098d8);
+  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[9], 12, 0x8b44f7af);
+  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[10], 17, 0xffff5bb1);
+  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[11], 22, 0x895cd7be);
+  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[12], 7, 0x6b901122);
+  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[13], 12, 0xfd987193);
+  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[14], 17, 0xa679438e);
+  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[15], 22, 0x49b40821);
 
-  KELO_MD5_STEP(MD5_AUX_G, a, b, c, d, x[1], 5, 0xf61e2562);
-  KELO_MD5_STEP(MD5_AUX_G, d, a, b, c, x[6], 9, 0xc040b340);
-  KELO_MD5_STEP(MD5_AUX_G, c, d, a, b, x[11], 14, 0x265e5a51);
-  KELO_MD5_STEP(MD5_AUX_G, b, c, d, a, x[0], 20, 0xe9b6c7aa);
-  KELO_MD5_STEP(MD5_AUX_G, a, b, c, d, x[5], 5, 0xd62f105d);
-  KELO_MD5_STEP(MD5_AUX_G, d, a, b, c, x[10], 9, 0x02441453);
-  KELO_MD5_STEP(MD5_AUX_G, c, d, a, b, x[15], 14, 0xd8a1e681);
-  KELO_MD5_STEP(MD5_AUX_G, b, c, d, a, x[4], 20, 0xe7d3fbc8);
-  KELO_MD5_STEP(MD5_AUX_G, a, b, c, d, x[9], 5, 0x21e1cde6);
-  KELO_MD5_STEP(MD5_AUX_G, d, a, b, c, x[14], 9, 0xc33707d6);
-  KELO_MD5_STEP(MD5_AUX_G, c, d, a, b, x[3], 14, 0xf4d50d87);
-  KELO_MD5_STEP(MD5_AUX_G, b, c, d, a, x[8], 20, 0x455a14ed);
-  KELO_MD5_STEP(MD5_AUX_G, a, b, c, d, x[13], 5, 0xa9e3e905);
-  KELO_MD5_STEP(MD5_AUX_G, d, a, b, c, x[2], 9, 0xfcefa3f8);
-  KELO_MD5_STEP(MD5_AUX_G, c, d, a, b, x[7], 14, 0x676f02d9);
-  KELO_MD5_STEP(MD5_AUX_G, b, c, d, a, x[12], 20, 0x8d2a4c8a);
+  MD5_STEP_G(a, b, c, d, x[1], 5, 0xf61e2562);
+  MD5_STEP_G(d, a, b, c, x[6], 9, 0xc040b340);
+  MD5_STEP_G(c, d, a, b, x[11], 14, 0x265e5a51);
+  MD5_STEP_G(b, c, d, a, x[0], 20, 0xe9b6c7aa);
+  MD5_STEP_G(a, b, c, d, x[5], 5, 0xd62f105d);
+  MD5_STEP_G(d, a, b, c, x[10], 9, 0x02441453);
+  MD5_STEP_G(c, d, a, b, x[15], 14, 0xd8a1e681);
+  MD5_STEP_G(b, c, d, a, x[4], 20, 0xe7d3fbc8);
+  MD5_STEP_G(a, b, c, d, x[9], 5, 0x21e1cde6);
+  MD5_STEP_G(d, a, b, c, x[14], 9, 0xc33707d6);
+  MD5_STEP_G(c, d, a, b, x[3], 14, 0xf4d50d87);
+  MD5_STEP_G(b, c, d, a, x[8], 20, 0x455a14ed);
+  MD5_STEP_G(a, b, c, d, x[13], 5, 0xa9e3e905);
+  MD5_STEP_G(d, a, b, c, x[2], 9, 0xfcefa3f8);
+  MD5_STEP_G(c, d, a, b, x[7], 14, 0x676f02d9);
+  MD5_STEP_G(b, c, d, a, x[12], 20, 0x8d2a4c8a);
 
-  KELO_MD5_STEP(MD5_AUX_H, a, b, c, d, x[5], 4, 0xfffa3942);
-  KELO_MD5_STEP(MD5_AUX_H, d, a, b, c, x[8], 11, 0x8771f681);
-  KELO_MD5_STEP(MD5_AUX_H, c, d, a, b, x[11], 16, 0x6d9d6122);
-  KELO_MD5_STEP(MD5_AUX_H, b, c, d, a, x[14], 23, 0xfde5380c);
-  KELO_MD5_STEP(MD5_AUX_H, a, b, c, d, x[1], 4, 0xa4beea44);
-  KELO_MD5_STEP(MD5_AUX_H, d, a, b, c, x[4], 11, 0x4bdecfa9);
-  KELO_MD5_STEP(MD5_AUX_H, c, d, a, b, x[7], 16, 0xf6bb4b60);
-  KELO_MD5_STEP(MD5_AUX_H, b, c, d, a, x[10], 23, 0xbebfbc70);
-  KELO_MD5_STEP(MD5_AUX_H, a, b, c, d, x[13], 4, 0x289b7ec6);
-  KELO_MD5_STEP(MD5_AUX_H, d, a, b, c, x[0], 11, 0xeaa127fa);
-  KELO_MD5_STEP(MD5_AUX_H, c, d, a, b, x[3], 16, 0xd4ef3085);
-  KELO_MD5_STEP(MD5_AUX_H, b, c, d, a, x[6], 23, 0x04881d05);
-  KELO_MD5_STEP(MD5_AUX_H, a, b, c, d, x[9], 4, 0xd9d4d039);
-  KELO_MD5_STEP(MD5_AUX_H, d, a, b, c, x[12], 11, 0xe6db99e5);
-  KELO_MD5_STEP(MD5_AUX_H, c, d, a, b, x[15], 16, 0x1fa27cf8);
-  KELO_MD5_STEP(MD5_AUX_H, b, c, d, a, x[2], 23, 0xc4ac5665);
+  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[5], 4, 0xfffa3942);
+  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[8], 11, 0x8771f681);
+  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[11], 16, 0x6d9d6122);
+  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[14], 23, 0xfde5380c);
+  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[1], 4, 0xa4beea44);
+  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[4], 11, 0x4bdecfa9);
+  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[7], 16, 0xf6bb4b60);
+  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[10], 23, 0xbebfbc70);
+  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[13], 4, 0x289b7ec6);
+  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[0], 11, 0xeaa127fa);
+  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[3], 16, 0xd4ef3085);
+  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[6], 23, 0x04881d05);
+  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[9], 4, 0xd9d4d039);
+  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[12], 11, 0xe6db99e5);
+  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[15], 16, 0x1fa27cf8);
+  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[2], 23, 0xc4ac5665);
 
-  KELO_MD5_STEP(MD5_AUX_I, a, b, c, d, x[0], 6, 0xf4292244);
-  KELO_MD5_STEP(MD5_AUX_I, d, a, b, c, x[7], 10, 0x432aff97);
-  KELO_MD5_STEP(MD5_AUX_I, c, d, a, b, x[14], 15, 0xab9423a7);
-  KELO_MD5_STEP(MD5_AUX_I, b, c, d, a, x[5], 21, 0xfc93a039);
-  KELO_MD5_STEP(MD5_AUX_I, a, b, c, d, x[12], 6, 0x655b59c3);
-  KELO_MD5_STEP(MD5_AUX_I, d, a, b, c, x[3], 10, 0x8f0ccc92);
-  KELO_MD5_STEP(MD5_AUX_I, c, d, a, b, x[10], 15, 0xffeff47d);
-  KELO_MD5_STEP(MD5_AUX_I, b, c, d, a, x[1], 21, 0x85845dd1);
-  KELO_MD5_STEP(MD5_AUX_I, a, b, c, d, x[8], 6, 0x6fa87e4f);
-  KELO_MD5_STEP(MD5_AUX_I, d, a, b, c, x[15], 10, 0xfe2ce6e0);
-  KELO_MD5_STEP(MD5_AUX_I, c, d, a, b, x[6], 15, 0xa3014314);
-  KELO_MD5_STEP(MD5_AUX_I, b, c, d, a, x[13], 21, 0x4e0811a1);
-  KELO_MD5_STEP(MD5_AUX_I, a, b, c, d, x[4], 6, 0xf7537e82);
-  KELO_MD5_STEP(MD5_AUX_I, d, a, b, c, x[11], 10, 0xbd3af235);
-  KELO_MD5_STEP(MD5_AUX_I, c, d, a, b, x[2], 15, 0x2ad7d2bb);
-  KELO_MD5_STEP(MD5_AUX_I, b, c, d, a, x[9], 21, 0xeb86d391);
+  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[0], 6, 0xf4292244);
+  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[7], 10, 0x432aff97);
+  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[14], 15, 0xab9423a7);
+  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[5], 21, 0xfc93a039);
+  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[12], 6, 0x655b59c3);
+  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[3], 10, 0x8f0ccc92);
+  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[10], 15, 0xffeff47d);
+  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[1], 21, 0x85845dd1);
+  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[8], 6, 0x6fa87e4f);
+  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[15], 10, 0xfe2ce6e0);
+  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[6], 15, 0xa3014314);
+  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[13], 21, 0x4e0811a1);
+  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[4], 6, 0xf7537e82);
+  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[11], 10, 0xbd3af235);
+  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[2], 15, 0x2ad7d2bb);
+  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[9], 21, 0xeb86d391);
 
   state[0] += a;
   state[1] += b;

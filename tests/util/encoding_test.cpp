@@ -288,6 +288,20 @@ TEST(Base64, DecodeRoomChecksPerGroup) {
   EXPECT_EQ(base64_decode("Zm9v", 4, out, 2), -1);
 }
 
+TEST(Base64, DecodeTouchesNothingPastTheCount) {
+  // Every output size around the exact one, with a guard byte pattern.
+  const char *text = "Zm9vYmFyYmF6cXV4";  // "foobarbazqux"
+  for (size_t outsize = 0; outsize <= 16; ++outsize) {
+    unsigned char out[20];
+    memset(out, 0xee, sizeof out);
+    int r = base64_decode(text, 16, out, outsize);
+    size_t written = r < 0 ? outsize / 3 * 3 : static_cast<size_t>(r);
+    EXPECT_EQ(r, outsize >= 12 ? 12 : -1) << outsize;
+    EXPECT_EQ(memcmp(out, "foobarbazqux", written), 0) << outsize;
+    for (size_t i = written; i < sizeof out; ++i) ASSERT_EQ(out[i], 0xee) << outsize << " at " << i;
+  }
+}
+
 TEST(Base64, RoundTripEveryLengthUpTo200) {
   std::string data;
   for (size_t len = 0; len <= 200; ++len) {
