@@ -82,7 +82,7 @@ TEST(DevInfo, LongVersionRunsOnButStaysInTheRecord) {
            rec + DEV_INFO_EXTRA_TAG, rec + DEV_INFO_IFNAME, rec[DEV_INFO_SIZE - 1]);
   });
   // fw_version now runs into extra_version's text: 64 'v' then "3.18.30".
-  EXPECT_EQ(r.out, "71|3.18.30|FIXME_kelo_util|wlan0|0\n");
+  EXPECT_EQ(r.out, "71|3.18.30|FIXME_kelo_util|wlan0|0\n") << r.err;
   // The region file itself is exactly one record long.
   EXPECT_EQ(kelo::test::slurp(sb.region("devinfo")).size(), static_cast<size_t>(DEV_INFO_SIZE));
 }
