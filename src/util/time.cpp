@@ -14,7 +14,7 @@
 namespace kelo::timeutil {
 
 // Seconds and nanoseconds of a millisecond count; signed, truncating.
-struct timespec ms_to_timespec(int ms) {
+struct timespec ms_to_interval(int ms) {
   struct timespec ts;
   ts.tv_sec = ms / 1000;
   ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
@@ -70,8 +70,8 @@ KELO_EXPORT int timer_setup(void) {
 
 KELO_EXPORT int timer_start(int fd, int first_ms, int interval_ms) {
   struct itimerspec its;
-  its.it_value = kelo::timeutil::ms_to_timespec(first_ms);
-  its.it_interval = kelo::timeutil::ms_to_timespec(interval_ms);
+  its.it_value = kelo::timeutil::ms_to_interval(first_ms);
+  its.it_interval = kelo::timeutil::ms_to_interval(interval_ms);
   if (timerfd_settime(fd, 0, &its, nullptr) != 0) {
     int saved = errno;
     log_err("%s: timerfd_settime: %s", "timer_start", strerror(saved));

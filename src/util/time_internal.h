@@ -6,8 +6,8 @@
 
 namespace kelo::timeutil {
 
-// Milliseconds to a timespec with signed, truncating division.
-struct timespec ms_to_timespec(int ms);
+// Milliseconds to seconds and nanoseconds with signed, truncating division.
+struct timespec ms_to_interval(int ms);
 // The wall-clock millisecond value for a clock reading (32-bit wrap kept).
 int64_t realtime_ms_from(int64_t sec, long nsec);
 

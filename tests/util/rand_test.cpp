@@ -92,18 +92,4 @@ TEST(Rand, StrWithoutAlphabetWritesOnlyTheTerminator) {
   EXPECT_EQ(memcmp(out, "####\0#", 6), 0);
 }
 
-TEST(Rand, LongAndIntCoverTheSignedRange) {
-  bool neg = false, pos = false;
-  for (int i = 0; i < 100; ++i) {
-    long v = rand_long();
-    int w = rand_int();
-    ASSERT_GE(v, INT32_MIN);
-    ASSERT_LE(v, INT32_MAX);
-    neg |= v < 0 || w < 0;
-    pos |= v > 0 || w > 0;
-  }
-  EXPECT_TRUE(neg);
-  EXPECT_TRUE(pos);
-}
-
 }  // namespace

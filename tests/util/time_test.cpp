@@ -126,10 +126,10 @@ TEST(Time, TimerFires) {
 }
 
 TEST(Time, MsConversionTruncatesTowardsZero) {
-  struct timespec ts = kelo::timeutil::ms_to_timespec(-1500);
+  struct timespec ts = kelo::timeutil::ms_to_interval(-1500);
   EXPECT_EQ(ts.tv_sec, -1);
   EXPECT_EQ(ts.tv_nsec, -500000000);
-  ts = kelo::timeutil::ms_to_timespec(1999);
+  ts = kelo::timeutil::ms_to_interval(1999);
   EXPECT_EQ(ts.tv_sec, 1);
   EXPECT_EQ(ts.tv_nsec, 999000000);
 }
