@@ -1,4 +1,8 @@
 // Small-file helpers and directory walks.
+// 64-bit offsets and inode numbers here only (nothing with off_t is exported):
+// on 32-bit ARM, readdir otherwise gives up with EOVERFLOW on file systems
+// with 64-bit directory cookies, and stat on files of 2 GiB or more.
+#define _FILE_OFFSET_BITS 64
 #include "kelo/file.h"
 
 #include <dirent.h>
