@@ -18,7 +18,7 @@ KELO_EXPORT void kelo_free(void *p);
 KELO_EXPORT size_t kelo_round(size_t value, size_t align);
 /* Copies (len / 64 + 1) * 64 bytes (at least 64; a multiple of 64 gets one
  * block more): both buffers need that much room. dst and src 4-byte aligned.
- * Reads ahead (preload only) 192 bytes beyond the source position. */
+ * With NEON it preloads 192 bytes ahead of the source position. */
 KELO_EXPORT void kelo_copy(void *dst, const void *src, int len);
 /* Copies len bytes and returns where they were put. len <= 126: memcpy to
  * dst, returns dst. Longer: the data goes to dst' = the first address at or
