@@ -42,10 +42,12 @@ void read_fw_version(Record *rec) {
   size_t len = static_cast<size_t>((eol ? eol : end) - value);
   // A long value runs on into the following fields (they are written again
   // afterwards) but never past the end of the record.
+  // The copy addresses the record's bytes, not the 64-byte field array.
+  char *dst = reinterpret_cast<char *>(rec) + offsetof(Record, fw_version);
   size_t room = sizeof(Record) - offsetof(Record, fw_version) - 1;
   if (len > room) len = room;
-  memcpy(rec->fw_version, value, len);
-  rec->fw_version[len] = '\0';
+  memcpy(dst, value, len);
+  dst[len] = '\0';
 }
 
 void read_ifname(Record *rec) {
