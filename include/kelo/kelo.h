@@ -9,5 +9,11 @@
 #include <kelo/otrpc.h>
 #include <kelo/av.h>
 #include <kelo/osd.h>
+#include <kelo/time.h>
+#include <kelo/encoding.h>
+#include <kelo/md5.h>
+#include <kelo/file.h>
+#include <kelo/net.h>
+#include <kelo/mem.h>
 
 #endif
