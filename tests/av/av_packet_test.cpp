@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <string>
 #include <vector>
 
 #include "kelo/av.h"
@@ -77,32 +78,15 @@ TEST(AvPacket, BuiltBytes) {
   EXPECT_EQ(construct_packet_ack(1, 0, "x", 0x7FFFFFF0, &n), nullptr);
   EXPECT_EQ(n, 99u);
   EXPECT_EQ(send_av_cmd(-1, 1, nullptr, -5), -1);
-}
-
-TEST(AvPacket, HandlerArgumentsAndEmptyPayloads) {
-  const Bytes c = cmd_packet(5, nullptr, 0);
-  seen = {};
-  EXPECT_EQ(av_cmd_parse(77, c.data(), 20, on_cmd), 20);
-  EXPECT_EQ(seen.ctx, 77);
-  EXPECT_EQ(seen.cmd, 5u);
-  EXPECT_EQ(seen.payload, c.data() + 16);  // at the trailer, not NULL
-  const Bytes a = cat({kMagic, le32(24), le32(6), le32(0xDEAD), le32(42), kTrailer});
-  EXPECT_EQ(av_cmd_ack_parse(a.data(), 24, on_ack), 24);
-  EXPECT_EQ(seen.calls, 2);
-  EXPECT_EQ(seen.ack, 42u);
-  EXPECT_EQ(seen.cmd, 6u);
-  EXPECT_EQ(seen.payload, nullptr);
-  const Bytes a1 = cat({kMagic, le32(25), le32(6), le32(0), le32(1), {'z'}, kTrailer});
-  EXPECT_EQ(av_cmd_ack_parse(a1.data(), 25, on_ack), 25);
-  EXPECT_EQ(seen.payload, a1.data() + 20);
   EXPECT_EQ(av_cmd_parse(1, nullptr, 100, on_cmd), 0);
   EXPECT_EQ(av_cmd_ack_parse(nullptr, 100, on_ack), 0);
-  EXPECT_EQ(av_cmd_parse(1, c.data(), -5, on_cmd), 0);
+  EXPECT_EQ(av_cmd_parse(1, kMagic.data(), -5, on_cmd), 0);
 }
 
-// Buffers and the counts both parsers return for them. The buffers sit in
-// vectors of their exact size, so ASan catches any read past them.
-TEST(AvPacket, DropCounts) {
+// Buffers, the counts both parsers return for them and where the payload
+// they passed lies (-1: no call, 0: NULL). The buffers are vectors of their
+// exact size, so ASan catches any read past them.
+TEST(AvPacket, Parsers) {
   const Bytes pkt = cmd_packet(3, "hello", 5);  // 25 bytes, also a valid acknowledgement
   Bytes bad_trailer = pkt;
   bad_trailer[21] = 0xA4;
@@ -111,46 +95,48 @@ TEST(AvPacket, DropCounts) {
     return cat({lead, kMagic, le32(size), le32(2), le32(0), Bytes(8, 0xA5)});
   };
   struct Case {
-    const char *name;
+    std::string name;
     Bytes buf;
-    int cmd_want, ack_want, calls;
+    int cmd_want, ack_want, cmd_at, ack_at;
   };
-  const Case cases[] = {
-      {"shorter than a header", Bytes(19, 0), 0, 0, 0},
-      {"under the acknowledgement header", Bytes(23, 0), 20, 0, 0},
-      {"junk before a whole packet", cat({junk7, pkt}), 32, 32, 1},
-      {"40 bytes without magic", Bytes(40, 'x'), 37, 37, 0},
-      {"magic in the last four bytes", cat({Bytes(20, 'x'), kMagic}), 21, 21, 0},
-      {"magic with less than a header after it", cat({Bytes(10, 'x'), kMagic, Bytes(10, 0)}), 10, 10, 0},
-      {"partial packet", Bytes(pkt.begin(), pkt.end() - 1), 0, 0, 0},
-      {"partial packet after junk", cat({junk7, Bytes(pkt.begin(), pkt.end() - 2)}), 7, 7, 0},
-      {"wrong trailer", bad_trailer, 4, 4, 0},
-      {"wrong trailer after junk", cat({junk7, bad_trailer}), 11, 11, 0},
-      {"two packets back to back", cat({pkt, pkt}), 25, 25, 1},
-      {"size larger than the data", sized(1000), 0, 0, 0},
-      // Damaged sizes: the trailer word at i + size - 4 would lie before the
-      // buffer or wrap; it is treated as a wrong trailer.
-      {"size 0", sized(0), 4, 4, 0},
-      {"size 1", sized(1), 4, 4, 0},
-      {"size 2", sized(2), 4, 4, 0},
-      {"size 3", sized(3), 4, 4, 0},
-      {"size 2^31", sized(0x80000000u), 4, 4, 0},
-      {"size 2^32 - 4", sized(0xFFFFFFFCu), 4, 4, 0},
-      {"size 2^32 - 1", sized(0xFFFFFFFFu), 4, 4, 0},
+  std::vector<Case> cases = {
+      {"empty command", cmd_packet(5, nullptr, 0), 20, 0, 16, -1},  // payload at the trailer
+      {"empty acknowledgement", cat({kMagic, le32(24), le32(6), le32(0xDEAD), le32(42), kTrailer}), 24, 24,
+       16, 0},
+      {"shorter than a header", Bytes(19, 0), 0, 0, -1, -1},
+      {"under the acknowledgement header", Bytes(23, 0), 20, 0, -1, -1},
+      {"junk before a whole packet", cat({junk7, pkt}), 32, 32, 23, 27},
+      {"40 bytes without magic", Bytes(40, 'x'), 37, 37, -1, -1},
+      {"magic in the last four bytes", cat({Bytes(20, 'x'), kMagic}), 21, 21, -1, -1},
+      {"magic with less than a header after it", cat({Bytes(10, 'x'), kMagic, Bytes(10, 0)}), 10, 10, -1, -1},
+      {"partial packet", Bytes(pkt.begin(), pkt.end() - 1), 0, 0, -1, -1},
+      {"partial packet after junk", cat({junk7, Bytes(pkt.begin(), pkt.end() - 2)}), 7, 7, -1, -1},
+      {"wrong trailer", bad_trailer, 4, 4, -1, -1},
+      {"wrong trailer after junk", cat({junk7, bad_trailer}), 11, 11, -1, -1},
+      {"two packets back to back", cat({pkt, pkt}), 25, 25, 16, 20},
+      {"size larger than the data", sized(1000), 0, 0, -1, -1},
       // After junk the word at i + size - 4 is inside and tested like any trailer.
-      {"size 0 after zeros", sized(0, Bytes(8, 0)), 12, 12, 0},
-      {"size 4 after junk", sized(4, cat({kTrailer, Bytes(4, 0)})), 12, 12, 0},
-      {"size 0 with a trailer at 0", sized(0, kTrailer), 4, 4, 1},
+      {"size 0 after zeros", sized(0, Bytes(8, 0)), 12, 12, -1, -1},
+      {"size 4 after junk", sized(4, cat({kTrailer, Bytes(4, 0)})), 12, 12, -1, -1},
+      {"size 0 with a trailer at 0", sized(0, kTrailer), 4, 4, 20, 24},
   };
+  // Damaged sizes: the trailer word at i + size - 4 would lie before the
+  // buffer or wrap; the packet is dropped like one with a wrong trailer.
+  for (uint32_t size : {0u, 1u, 2u, 3u, 0x80000000u, 0xFFFFFFFCu, 0xFFFFFFFFu})
+    cases.push_back({"size " + std::to_string(size), sized(size), 4, 4, -1, -1});
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     const int len = static_cast<int>(c.buf.size());
+    const unsigned char *base = c.buf.data();
+    auto at = [&](int off) { return off > 0 ? base + off : nullptr; };
     seen = {};
-    EXPECT_EQ(av_cmd_parse(1, c.buf.data(), len, on_cmd), c.cmd_want);
-    EXPECT_EQ(seen.calls, c.calls);
+    EXPECT_EQ(av_cmd_parse(1, base, len, on_cmd), c.cmd_want);
+    EXPECT_EQ(seen.calls, c.cmd_at >= 0);
+    EXPECT_EQ(seen.payload, at(c.cmd_at));
     seen = {};
-    EXPECT_EQ(av_cmd_ack_parse(c.buf.data(), len, on_ack), c.ack_want);
-    EXPECT_EQ(seen.calls, c.calls);
+    EXPECT_EQ(av_cmd_ack_parse(base, len, on_ack), c.ack_want);
+    EXPECT_EQ(seen.calls, c.ack_at >= 0);
+    EXPECT_EQ(seen.payload, at(c.ack_at));
   }
 }
 
@@ -158,25 +144,18 @@ TEST(AvPacket, RoundTripOverSocketpair) {
   int sv[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
   EXPECT_EQ(send_av_cmd(sv[0], 0x101, "frame", 5), 25);
-  EXPECT_EQ(send_av_cmd_ack(sv[0], 0x101, 0, nullptr, 0), 24);
-  EXPECT_EQ(send_av_cmd(sv[0], 0x102, nullptr, 0), 20);
-  unsigned char buf[256];
-  ssize_t got = 0;
-  while (got < 69) {
-    ssize_t n = recv(sv[1], buf + got, sizeof buf - static_cast<size_t>(got), 0);
-    ASSERT_GT(n, 0);
-    got += n;
-  }
+  EXPECT_EQ(send_av_cmd_ack(sv[0], 0x102, 42, nullptr, 0), 24);
+  unsigned char buf[49];
+  ASSERT_EQ(recv(sv[1], buf, sizeof buf, MSG_WAITALL), 49);
   seen = {};
-  EXPECT_EQ(av_cmd_parse(sv[1], buf, 69, on_cmd), 25);
+  EXPECT_EQ(av_cmd_parse(sv[1], buf, 49, on_cmd), 25);
   EXPECT_EQ(seen.ctx, sv[1]);
   EXPECT_EQ(seen.cmd, 0x101u);
   EXPECT_EQ(memcmp(seen.payload, "frame", 5), 0);
-  EXPECT_EQ(av_cmd_ack_parse(buf + 25, 44, on_ack), 24);
-  EXPECT_EQ(seen.payload, nullptr);
-  EXPECT_EQ(av_cmd_parse(0, buf + 49, 20, on_cmd), 20);
+  EXPECT_EQ(av_cmd_ack_parse(buf + 25, 24, on_ack), 24);
   EXPECT_EQ(seen.cmd, 0x102u);
-  EXPECT_EQ(seen.calls, 3);
+  EXPECT_EQ(seen.ack, 42u);
+  EXPECT_EQ(seen.calls, 2);
   close(sv[1]);
   signal(SIGPIPE, SIG_IGN);
   errno = 0;
