@@ -1,23 +1,31 @@
 // The client end to end against an agent on loopback: announcement, requests
-// and replies, notifications, calls, reconnection.
+// and replies, notifications, calls, the stream reader, reconnection and the
+// connection states.
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <algorithm>
 #include <climits>
+#include <csignal>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "common/dlist.h"
 #include "kelo/app.h"
 #include "kelo/otrpc.h"
+#include "log/log_internal.h"
 #include "otrpc/otconn.h"
 #include "otrpc/otmethod.h"
+#include "otrpc/otsocket.h"
 #include "support/fake_agent.h"
 #include "support/sandbox.h"
 
-using kelo::test::FakeAgent;
+using kelo::otrpc::otconn_get_state;
 using kelo::test::jint;
 using kelo::test::jstr;
+using kelo::test::now_s;
 using kelo::test::pump_for;
 using kelo::test::pump_until;
 
@@ -26,6 +34,7 @@ namespace {
 struct Calls {
   int n = 0, with_reply = 0;
   std::string last_params;
+  size_t longest = 0;           // of the params texts
   json_object *kept = nullptr;  // the reply object of a request answered later
 };
 
@@ -35,6 +44,7 @@ int handler_code(void *arg, json_object *params, json_object *reply) {
   c->n++;
   c->with_reply += reply != nullptr;
   c->last_params = json_object_to_json_string_ext(params, 0);
+  c->longest = std::max(c->longest, c->last_params.size());
   long long v = jint(params, "code");
   if (v == LLONG_MIN) return 0;
   if (v == OTRPC_RET_SEND_REPLY) json_object_object_add(reply, "result", json_object_new_string("filled"));
@@ -42,53 +52,75 @@ int handler_code(void *arg, json_object *params, json_object *reply) {
   return static_cast<int>(v);
 }
 
+// A state hook that records what it sees.
+struct Recorder {
+  struct Change {
+    int to, from;
+    double t;
+  };
+  static int record(void *arg, int to, int from) {
+    static_cast<Recorder *>(arg)->seen.push_back({to, from, now_s()});
+    return static_cast<Recorder *>(arg)->result;
+  }
+  otrpc_state_hook node = {this, record, nullptr, nullptr};
+  std::vector<Change> seen;
+  int result = 0;
+  int count_to(int state) const {
+    return int(std::count_if(seen.begin(), seen.end(), [&](const Change &c) { return c.to == state; }));
+  }
+};
+
 class Client : public ::testing::Test {
  protected:
-  void SetUp() override {
-    agent_ = std::make_unique<FakeAgent>(sb_.agent_port());
-    ASSERT_EQ(otrpc_init(), 0);
-  }
+  void SetUp() override { ASSERT_EQ(otrpc_init(), 0); }
   void TearDown() override { otrpc_fini(); }
 
-  // Registers "echo" and "other", starts, waits for all announcements.
-  void start_with_methods(unsigned flags = 0, size_t announced = 2) {
-    ASSERT_EQ(otrpc_register("echo", handler_code, &calls_, flags), 0);
-    ASSERT_EQ(otrpc_register("other", handler_code, &other_, 0), 0);
+  // Registers "echo" and "other" (which lets repeated ids through), starts,
+  // waits for all announcements.
+  void start_with_methods(size_t announced = 2) {
+    ASSERT_EQ(otrpc_register("echo", handler_code, &calls_, 0), 0);
+    ASSERT_EQ(otrpc_register("other", handler_code, &other_, OTRPC_METHOD_ALLOW_DUP), 0);
     otrpc_start();
-    ASSERT_TRUE(pump_until([&] { return agent_->with_method("register").size() >= announced; }, 5));
+    ASSERT_TRUE(pump_until([&] { return agent_.with_method("register").size() >= announced; }, 5));
   }
 
   // Sends text; returns the next reply (object without "method") the agent
   // receives, "" when none comes.
   std::string exchange(const std::string &text) {
-    size_t n = agent_->received().size();
-    EXPECT_TRUE(agent_->send_raw(text));
+    size_t n = agent_.received().size();
+    EXPECT_TRUE(agent_.send_raw(text));
     std::string got;
     pump_until(
         [&] {
-          for (size_t i = n; i < agent_->received().size() && got.empty(); ++i)
-            if (jstr(agent_->received()[i].obj, "method").empty()) got = agent_->received()[i].text;
+          for (size_t i = n; i < agent_.received().size() && got.empty(); ++i)
+            if (jstr(agent_.received()[i].obj, "method").empty()) got = agent_.received()[i].text;
           return !got.empty();
         },
-        3);
+        5);
     return got;
   }
 
   kelo::test::Sandbox sb_;
-  std::unique_ptr<FakeAgent> agent_;
+  kelo::test::FakeAgent agent_{sb_.agent_port()};
   Calls calls_, other_;
+  Recorder rec_[3];  // outlive otrpc_fini, which walks the hook list
 };
+
+std::string req(const char *method, long long id, const std::string &rest = "") {
+  return std::string(R"({"method":")") + method + R"(","id":)" + std::to_string(id) + rest + "}";
+}
+std::string ok(long long id) { return R"({"id":)" + std::to_string(id) + R"(,"result":["OK"]})"; }
 
 TEST_F(Client, AnnouncesEachMethodOnConnectAndAgainAfterTheAgentCloses) {
   start_with_methods();
   // The queued announcements were cancelled in favour of the immediate ones:
   // each method exactly once per connection, with new ids on the next one.
   pump_for(0.2);
-  EXPECT_EQ(kelo::otrpc::otconn_get_state(), OTCONN_CONNECTED);
-  agent_->close_connection();
-  ASSERT_TRUE(pump_until([&] { return agent_->with_method("register").size() >= 4; }, 3));
+  EXPECT_EQ(otconn_get_state(), OTCONN_CONNECTED);
+  agent_.close_connection();
+  ASSERT_TRUE(pump_until([&] { return agent_.with_method("register").size() >= 4; }, 3));
   pump_for(0.2);
-  auto all = agent_->with_method("register");
+  auto all = agent_.with_method("register");
   ASSERT_EQ(all.size(), 4u);
   for (size_t i = 0; i < 4; ++i) {
     EXPECT_EQ(jstr(all[i].obj, "key"), i % 2 ? "other" : "echo");
@@ -114,106 +146,88 @@ TEST_F(Client, AnswersByHandlerCode) {
   int id = 100;
   for (const Case &c : cases) {
     std::string sid = std::to_string(++id);
-    EXPECT_EQ(exchange(R"({"method":"echo","id":)" + sid + R"(,"params":)" + c.params + "}"),
+    EXPECT_EQ(exchange(req("echo", id, R"(,"params":)" + std::string(c.params))),
               R"({"id":)" + sid + "," + c.reply + "}");
   }
   EXPECT_EQ(calls_.with_reply, 5);
   // OTRPC_RET_NO_REPLY: nothing goes out until the handler replies itself.
-  ASSERT_TRUE(agent_->send_raw(R"({"method":"echo","id":41,"params":{"code":2147483646}})"));
+  ASSERT_TRUE(agent_.send_raw(req("echo", 41, R"(,"params":{"code":2147483646})")));
   ASSERT_TRUE(pump_until([&] { return calls_.kept != nullptr; }, 3));
   pump_for(0.1);
-  EXPECT_EQ(agent_->reply_for(41), nullptr);
+  EXPECT_EQ(agent_.reply_for(41), nullptr);
   otrpc_reply_ok(calls_.kept);
   json_object_put(calls_.kept);
-  EXPECT_TRUE(pump_until([&] { return agent_->reply_for(41) != nullptr; }, 3));
+  EXPECT_TRUE(pump_until([&] { return agent_.reply_for(41) != nullptr; }, 3));
 }
 
 TEST_F(Client, UnknownMethodsAndRepeatedIdsGoUnanswered) {
   start_with_methods();
-  // The filter of the last three ids starts full of 2147483647.
-  agent_->send_raw(R"({"method":"echo","id":2147483647})");
-  agent_->send_raw(R"({"method":"nosuch","id":5})");
-  EXPECT_EQ(exchange(R"({"method":"echo","id":1})"), R"({"id":1,"result":["OK"]})");
+  // The filter of the last three ids starts full of 2147483647; a method
+  // flagged to allow repeats neither consults nor feeds it.
+  EXPECT_EQ(exchange(req("other", 2147483647)), ok(2147483647));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(exchange(req("other", 9)), ok(9));
+  agent_.send_raw(req("echo", 2147483647));
+  agent_.send_raw(req("nosuch", 5));
+  EXPECT_EQ(exchange(req("echo", 1)), ok(1));
   // 1 is among the last three: dropped; after three others it passes again.
-  agent_->send_raw(R"({"method":"echo","id":1,"params":{"code":3}})");
-  EXPECT_EQ(exchange(R"({"method":"echo","id":2})"), R"({"id":2,"result":["OK"]})");
+  agent_.send_raw(req("echo", 1, R"(,"params":{"code":3})"));
+  EXPECT_EQ(exchange(req("echo", 2)), ok(2));
   EXPECT_EQ(calls_.n, 2);
-  EXPECT_NE(exchange(R"({"method":"echo","id":3})"), "");
-  EXPECT_NE(exchange(R"({"method":"echo","id":4})"), "");
-  EXPECT_EQ(exchange(R"({"method":"echo","id":1,"params":{"code":3}})"), R"({"id":1,"error":{"code":3}})");
+  EXPECT_EQ(exchange(req("echo", 3)), ok(3));
+  EXPECT_EQ(exchange(req("echo", 9)), ok(9));
+  EXPECT_EQ(exchange(req("echo", 1, R"(,"params":{"code":3})")), R"({"id":1,"error":{"code":3}})");
   // A string id is neither filtered nor remembered.
   EXPECT_EQ(exchange(R"({"method":"echo","id":"s"})"), R"({"id":"s","result":["OK"]})");
   EXPECT_EQ(exchange(R"({"method":"echo","id":"s"})"), R"({"id":"s","result":["OK"]})");
-  EXPECT_EQ(agent_->reply_for(2147483647), nullptr);
-  EXPECT_EQ(agent_->reply_for(5), nullptr);
-}
-
-TEST_F(Client, AllowDupAnswersRepeatsAndTheStartValue) {
-  start_with_methods(OTRPC_METHOD_ALLOW_DUP);
-  EXPECT_NE(exchange(R"({"method":"echo","id":2147483647})"), "");
-  for (int i = 0; i < 3; ++i)
-    EXPECT_EQ(exchange(R"({"method":"echo","id":9})"), R"({"id":9,"result":["OK"]})");
-  EXPECT_EQ(calls_.n, 4);
+  EXPECT_EQ(agent_.reply_for(5), nullptr);
 }
 
 TEST_F(Client, NotificationsAndTheNoNotifyFlag) {
-  ASSERT_EQ(otrpc_register("quiet", handler_code, &other_, OTRPC_METHOD_NO_NOTIFY), 0);
-  start_with_methods(0, 3);
+  Calls quiet;
+  ASSERT_EQ(otrpc_register("quiet", handler_code, &quiet, OTRPC_METHOD_NO_NOTIFY), 0);
+  start_with_methods(3);
   // A notification runs the handler without a reply object; nothing is sent
   // (the next reply is the request's).
-  agent_->send_raw(R"({"method":"echo","params":{"code":5}})");
-  agent_->send_raw(R"({"method":"quiet"})");
-  EXPECT_EQ(exchange(R"({"method":"echo","id":77,"params":{"a":1}})"), R"({"id":77,"result":["OK"]})");
+  agent_.send_raw(R"({"method":"echo","params":{"code":5}})");
+  agent_.send_raw(R"({"method":"quiet"})");
+  EXPECT_EQ(exchange(req("echo", 77, R"(,"params":{"a":1})")), ok(77));
   EXPECT_EQ(calls_.n, 2);
   EXPECT_EQ(calls_.with_reply, 1);
-  EXPECT_EQ(other_.n, 0);
+  EXPECT_EQ(quiet.n, 0);
   EXPECT_EQ(calls_.last_params, R"({"a":1})");
   // Without "params" the handler gets the whole request.
-  EXPECT_EQ(exchange(R"({"method":"echo","id":78})"), R"({"id":78,"result":["OK"]})");
-  EXPECT_EQ(calls_.last_params, R"({"method":"echo","id":78})");
+  EXPECT_EQ(exchange(req("echo", 78)), ok(78));
+  EXPECT_EQ(calls_.last_params, req("echo", 78));
 }
 
-TEST_F(Client, UnregisterWithdrawsAnnouncedMethodsOnly) {
-  start_with_methods();
-  otrpc_unregister("echo");
+TEST_F(Client, UnregisterWithdrawsTheNewestOfTheNameIfAnnounced) {
+  Calls older;
+  ASSERT_EQ(otrpc_register("other", handler_code, &older, 0), 0);
+  start_with_methods(3);
+  EXPECT_EQ(exchange(req("other", 1)), ok(1));
+  EXPECT_EQ(other_.n, 1);  // the newer answers
+  otrpc_unregister("other");
   otrpc_unregister("nosuch");
-  agent_->send_raw(R"({"method":"echo","id":50})");
-  EXPECT_EQ(exchange(R"({"method":"other","id":51})"), R"({"id":51,"result":["OK"]})");
+  EXPECT_EQ(exchange(req("other", 2)), ok(2));
+  otrpc_unregister("other");
+  otrpc_unregister("echo");
   // Registered and unregistered while its "register" still waits in the
   // queue: neither goes out.
   ASSERT_EQ(otrpc_register("brief", handler_code, &calls_, 0), 0);
   otrpc_unregister("brief");
+  agent_.send_raw(req("other", 3));
   pump_for(0.2);
-  auto gone = agent_->with_method("unregister");
-  ASSERT_EQ(gone.size(), 1u);
-  EXPECT_EQ(jstr(gone[0].obj, "key"), "echo");
-  EXPECT_EQ(agent_->with_method("register").size(), 2u);
-  EXPECT_EQ(agent_->reply_for(50), nullptr);
+  std::vector<std::string> gone;
+  for (const auto &r : agent_.with_method("unregister")) gone.push_back(jstr(r.obj, "key"));
+  EXPECT_EQ(gone, (std::vector<std::string>{"other", "other", "echo"}));
+  EXPECT_EQ(agent_.with_method("register").size(), 3u);
+  EXPECT_EQ(agent_.reply_for(3), nullptr);
+  EXPECT_EQ(older.n, 1);
 }
 
-TEST_F(Client, SameNameTwiceNewerAnswersFirstAndUnregistersFirst) {
-  ASSERT_EQ(otrpc_register("dup", handler_code, &calls_, OTRPC_METHOD_ALLOW_DUP), 0);
-  ASSERT_EQ(otrpc_register("dup", handler_code, &other_, OTRPC_METHOD_ALLOW_DUP), 0);
-  otrpc_start();
-  ASSERT_TRUE(pump_until([&] { return agent_->with_method("register").size() == 2; }, 5));
-  EXPECT_NE(exchange(R"({"method":"dup","id":1})"), "");
-  EXPECT_EQ(other_.n, 1);
-  otrpc_unregister("dup");
-  EXPECT_NE(exchange(R"({"method":"dup","id":2})"), "");
-  EXPECT_EQ(calls_.n, 1);
-  otrpc_unregister("dup");
-  ASSERT_TRUE(pump_until([&] { return agent_->with_method("unregister").size() == 2; }, 3));
-  agent_->send_raw(R"({"method":"dup","id":3})");
-  pump_for(0.2);
-  EXPECT_EQ(agent_->reply_for(3), nullptr);
-  EXPECT_EQ(calls_.n + other_.n, 2);
-}
-
-TEST(ClientInit, RegistersTheApplicationTableUpToItsEnd) {
-  kelo::test::Sandbox sb;
-  FakeAgent agent(sb.agent_port());
+TEST_F(Client, RegistersTheApplicationTableUpToItsFirstEntryWithoutHandler) {
+  otrpc_fini();
   Calls calls;
-  // The first entry without a handler ends the table.
   const otrpc_method table[] = {{"a", handler_code, &calls, 0},
                                 {"b", handler_code, &calls, 0},
                                 {"c", nullptr, &calls, 0},
@@ -224,13 +238,11 @@ TEST(ClientInit, RegistersTheApplicationTableUpToItsEnd) {
   app_current = &desc;
   ASSERT_EQ(otrpc_init(), 0);
   otrpc_start();
-  pump_until([&] { return agent.with_method("register").size() == 2; }, 5);
-  pump_for(0.2);
-  auto regs = agent.with_method("register");
+  pump_for(0.3);
+  auto regs = agent_.with_method("register");
   ASSERT_EQ(regs.size(), 2u);
   EXPECT_EQ(jstr(regs[0].obj, "key"), "a");
   EXPECT_EQ(jstr(regs[1].obj, "key"), "b");
-  otrpc_fini();
   app_current = nullptr;
 }
 
@@ -255,18 +267,17 @@ TEST_F(Client, CallsReceiveTheirRepliesOnceAndSharedIdsAll) {
   std::string id1 = std::to_string(jint(m1, "id")), id2 = std::to_string(jint(m2, "id"));
   json_object_put(m1);
   json_object_put(m2);
-  ASSERT_TRUE(pump_until([&] { return agent_->with_method("agent.fn").size() == 2; }, 3));
+  ASSERT_TRUE(pump_until([&] { return agent_.with_method("agent.fn").size() == 2; }, 3));
   // The wire carries the call's own id (replacing the message's).
-  EXPECT_EQ(std::to_string(jint(agent_->with_method("agent.fn")[0].obj, "id")), id1);
-  std::string r2 = R"({"id":)" + id2 + R"(,"error":{"code":-1}})";
-  std::string r1 = R"({"id":)" + id1 + R"(,"result":[1]})";
-  std::string r3 = R"({"id":4242,"result":["OK"]})";
-  agent_->send_raw(r2 + r1 + r1 + R"({"id":12345678901})" + r3);
+  EXPECT_EQ(std::to_string(jint(agent_.with_method("agent.fn")[0].obj, "id")), id1);
+  std::string r1 = R"({"id":)" + id1 + R"(,"result":[1]})",
+              r2 = R"({"id":)" + id2 + R"(,"error":{"code":-1}})";
+  agent_.send_raw(r2 + r1 + r1 + R"({"id":12345678901})" + ok(4242));
   ASSERT_TRUE(pump_until([&] { return d.got.size() == 1; }, 3));
   pump_for(0.1);
   EXPECT_EQ(a.got, std::vector<std::string>{r1});  // the second copy found nothing
   EXPECT_EQ(b.got, std::vector<std::string>{r2});
-  EXPECT_EQ(c.got, std::vector<std::string>{r3});
+  EXPECT_EQ(c.got, std::vector<std::string>{ok(4242)});
   EXPECT_EQ(kelo::otrpc::otmethod_pending_returns_for_testing(), 0);
 }
 
@@ -287,8 +298,60 @@ TEST_F(Client, CallsExpireAtTheNextCallAfterMoreThanFiveSeconds) {
   json_object_put(m);
 }
 
+TEST_F(Client, OddInputIsSkippedAndTheNextRequestAnswered) {
+  start_with_methods();
+  std::string burst, big(100 * 1024, 'z');
+  for (int i = 0; i < 3000; ++i) burst += R"({"id":1}{"method":"echo"})";
+  struct Case {
+    const char *name;
+    std::string bytes;
+    int handler_runs;  // requests among the bytes that must reach the handler
+    bool singly = false;
+  } cases[] = {
+      {"back to back", req("echo", 1) + req("echo", 2), 2},
+      {"white space between", req("echo", 3) + "\n \t" + req("echo", 4) + "\r\n", 2},
+      {"NUL runs between", req("echo", 5) + std::string(3, '\0') + req("echo", 6) + std::string(1, '\0'), 2},
+      {"split into single bytes", req("echo", 7, R"(,"params":{"a":[1,2,"x"]})"), 1, true},
+      {"top-level values", R"([1,2,{"method":"echo"}] "str" 12 true null )" + req("echo", 8), 1},
+      {"garbage", "@@@ not json ### ]]] ::: ,,, \n", 0},
+      {"garbage then request", "xx}" + req("echo", 9), 1},
+      {"nesting beyond 16",
+       std::string(17, '[') + std::string(17, ']') + R"({"a":)" + std::string(16, '[') +
+           std::string(16, ']') + "}",
+       0},
+      {"nested 15 deep", req("echo", 10, R"(,"params":)" + std::string(14, '[') + std::string(14, ']')), 1},
+      {"NUL inside an object", std::string("{\"method\":\"echo\",\0", 18) + req("echo", 11), 1},
+      {"bad escapes and numbers", R"({"a":\x} {"b":01} {"c":-} {"d":1e} )" + req("echo", 12), 1},
+      // A stray quote opens a string that swallows what follows up to the
+      // next quote; the stream comes back in step after it.
+      {"stray quote", "\" " + req("echo", 13) + " \"", 0},
+      // More than the receive buffer holds: compacted while objects are handed out.
+      {"many small objects in one write", burst, 3000},
+      {"100 KB objects",
+       req("echo", 14, R"(,"params":{"blob":")" + big + R"("})") + R"({"x":")" + big + R"("})", 1},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    int probe = 1000 + int(&c - cases);
+    calls_.n = 0;
+    ASSERT_TRUE(agent_.send_raw(c.bytes, c.singly));
+    ASSERT_TRUE(agent_.send_raw(req("echo", probe)));
+    EXPECT_TRUE(pump_until([&] { return agent_.reply_for(probe) != nullptr; }, 5));
+    EXPECT_EQ(agent_.connections(), 1);
+    EXPECT_EQ(calls_.n, c.handler_runs + 1);
+  }
+  EXPECT_EQ(calls_.longest, big.size() + 11);
+  // The tokener keeps its state across connections: the head of a request cut
+  // off by a disconnect is completed by the next connection's bytes.
+  ASSERT_TRUE(agent_.send_raw(R"({"method":"echo",)"));
+  pump_for(0.1);
+  agent_.close_connection();
+  ASSERT_TRUE(pump_until([&] { return agent_.with_method("register").size() == 4; }, 5));
+  EXPECT_EQ(exchange(R"("id":60})"), ok(60));
+}
+
 TEST_F(Client, MessagesQueuedWithoutAgentGoOutInOrderOnceItListens) {
-  agent_->stop_listening();
+  agent_.stop_listening();
   otrpc_start();
   int first = 0;
   for (int i = 0; i < 50; ++i) {
@@ -300,11 +363,122 @@ TEST_F(Client, MessagesQueuedWithoutAgentGoOutInOrderOnceItListens) {
     json_object_put(m);
   }
   pump_for(1.2);
-  EXPECT_EQ(agent_->received().size(), 0u);
-  agent_->start_listening();
-  ASSERT_TRUE(pump_until([&] { return agent_->with_method("queued").size() == 50; }, 5));
-  auto got = agent_->with_method("queued");
+  EXPECT_EQ(agent_.received().size(), 0u);
+  agent_.start_listening();
+  ASSERT_TRUE(pump_until([&] { return agent_.with_method("queued").size() == 50; }, 5));
+  auto got = agent_.with_method("queued");
   for (int i = 0; i < 50; ++i) EXPECT_EQ(jint(got[i].obj, "n"), i);
+}
+
+TEST_F(Client, RetriesOnceASecondWithoutAgent) {
+  agent_.stop_listening();
+  kelo::dlist::append(&otrpc_on_state_changed, &rec_[0].node);
+  otrpc_start();
+  pump_for(3.5);
+  // Every attempt passes through IDLE on its way to the wait.
+  const auto &seen = rec_[0].seen;
+  std::vector<double> waits;
+  for (size_t i = 0; i < seen.size(); ++i) {
+    EXPECT_EQ(seen[i].from, i > 0 ? seen[i - 1].to : OTCONN_IDLE);
+    if (seen[i].to != OTCONN_RETRY_WAIT) continue;
+    EXPECT_EQ(seen[i].from, OTCONN_IDLE);
+    EXPECT_NEAR(seen[i].t - (waits.empty() ? seen[i].t - 1.1 : waits.back()), 1.1, 0.2);
+    waits.push_back(seen[i].t);
+  }
+  EXPECT_TRUE(waits.size() >= 3 && waits.size() <= 5) << waits.size();
+}
+
+TEST_F(Client, StopInEachState) {
+  agent_.stop_listening();
+  // A non-blocking connect on loopback reports even a refusal later: the
+  // client is usually CONNECTING right after the start.
+  otrpc_start();
+  if (otconn_get_state() == OTCONN_CONNECTING) {
+    otrpc_stop();
+    EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
+    EXPECT_EQ(kelo::otrpc::otsocket_fd(), -1);
+    otrpc_start();
+  }
+  // In the retry wait the timer is cancelled: nothing connects later.
+  ASSERT_TRUE(pump_until([] { return otconn_get_state() == OTCONN_RETRY_WAIT; }, 3));
+  otrpc_stop();
+  EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
+  agent_.start_listening();
+  pump_for(1.3);
+  EXPECT_EQ(agent_.connections(), 0);
+  EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
+  // Connected: closes without reconnecting, and the queue is kept.
+  EXPECT_EQ(otrpc_start(), 0);
+  ASSERT_TRUE(
+      pump_until([&] { return otconn_get_state() == OTCONN_CONNECTED && agent_.connections() == 1; }, 3));
+  otrpc_stop();
+  EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
+  json_object *m = otrpc_create_message("kept");
+  EXPECT_GT(otrpc_send(m), 0);
+  json_object_put(m);
+  pump_for(1.3);
+  EXPECT_EQ(agent_.connections(), 1);
+  EXPECT_EQ(kelo::otrpc::otsocket_queue_length_for_testing(), 1);
+  otrpc_stop();  // stopping when idle does nothing
+  EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
+  otrpc_start();
+  ASSERT_TRUE(pump_until([&] { return agent_.with_method("kept").size() == 1; }, 3));
+  EXPECT_EQ(agent_.connections(), 2);
+  // A second start while connected drops the connection and retries after the delay.
+  double t0 = now_s();
+  EXPECT_EQ(otrpc_start(), -1);
+  EXPECT_EQ(otconn_get_state(), OTCONN_RETRY_WAIT);
+  ASSERT_TRUE(pump_until([&] { return agent_.connections() == 3; }, 3));
+  EXPECT_GT(now_s() - t0, 0.9);
+}
+
+TEST_F(Client, HooksRunInOrderAndANonZeroResultEndsTheWalk) {
+  rec_[1].result = 1;
+  for (Recorder &r : rec_) kelo::dlist::append(&otrpc_on_state_changed, &r.node);
+  otrpc_start();
+  ASSERT_TRUE(pump_until([] { return otconn_get_state() == OTCONN_CONNECTED; }, 3));
+  agent_.close_connection();
+  ASSERT_TRUE(pump_until([&] { return rec_[0].count_to(OTCONN_CONNECTED) == 2; }, 3));
+  otrpc_stop();
+  // From idle: connecting (or at once connected), connected; lost: idle,
+  // again (at once, no retry wait); stop: idle.
+  const auto &a = rec_[0].seen;
+  EXPECT_TRUE(rec_[2].seen.empty());
+  ASSERT_EQ(a.size(), rec_[1].seen.size());
+  ASSERT_GE(a.size(), 4u);
+  EXPECT_EQ(a.back().to, OTCONN_IDLE);
+  EXPECT_EQ(rec_[0].count_to(OTCONN_RETRY_WAIT), 0);
+  for (size_t i = 0; i < a.size(); ++i) {
+    EXPECT_NE(a[i].to, a[i].from);
+    EXPECT_EQ(a[i].to, rec_[1].seen[i].to);
+  }
+}
+
+TEST(ClientAbort, BrokenInvariantsAbortWithTheirTexts) {
+  // Only reachable through a broken invariant: an io event while no socket is
+  // watched, a first event of a connect that is neither writable nor error,
+  // unlinking a list node that is not linked.
+  struct Case {
+    int state, revents;
+    const char *text;
+  } cases[] = {
+      {OTCONN_IDLE, EV_READ, "kelo_util: otrpc: Unexpected EV_WRITE event.\n"},
+      {OTCONN_RETRY_WAIT, EV_WRITE, "kelo_util: otrpc: Unexpected EV_WRITE event.\n"},
+      {OTCONN_CONNECTING, EV_READ, "kelo_util: otconn: the first socket event must be EV_WRITE or EV_ERROR."},
+      {-1, 0, "Assertion `(q)->prev != NULL' failed."},
+  };
+  kelo::test::Sandbox sb;
+  for (const Case &c : cases) {
+    auto r = kelo::test::run_child([&] {
+      setenv("KELO_LOG_FILE", "-", 1);
+      kelo::log::init();
+      if (c.state >= 0) kelo::otrpc::otconn_invoke_io_for_testing(c.state, 0, c.revents);
+      otrpc_state_hook *head = nullptr, q = {};
+      KELO_DLIST_UNLINK(&head, &q, "(q)->prev != NULL");
+    });
+    EXPECT_EQ(r.signal, SIGABRT) << c.text;
+    EXPECT_NE(r.err.find(c.text), std::string::npos) << r.err;
+  }
 }
 
 }  // namespace

@@ -19,11 +19,11 @@ double now_s() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-FakeAgent::FakeAgent(int port, bool listen_now) : port_(port), tok_(json_tokener_new_ex(64)) {
+FakeAgent::FakeAgent(int port) : port_(port), tok_(json_tokener_new_ex(64)) {
   ev_io_init(&listen_w_, on_accept, -1, EV_READ);
   ev_io_init(&conn_w_, on_conn, -1, EV_READ);
   listen_w_.data = conn_w_.data = this;
-  if (listen_now) start_listening();
+  start_listening();
 }
 
 FakeAgent::~FakeAgent() {
@@ -59,6 +59,7 @@ void FakeAgent::stop_listening() {
 
 void FakeAgent::close_connection() {
   out_.clear();
+  singly_end_ = 0;
   if (conn_w_.fd < 0) return;
   ev_io_stop(EV_DEFAULT_ & conn_w_);
   close(conn_w_.fd);
@@ -74,7 +75,7 @@ void FakeAgent::watch_conn(int events) {
 bool FakeAgent::send_raw(const std::string &bytes, bool singly) {
   if (conn_w_.fd < 0) return false;
   out_ += bytes;
-  singly_ = singly;
+  if (singly) singly_end_ = out_.size();
   watch_conn(EV_READ | EV_WRITE);
   return true;
 }
@@ -95,9 +96,9 @@ void FakeAgent::on_accept(struct ev_loop *, ev_io *w, int) {
 void FakeAgent::on_conn(struct ev_loop *, ev_io *w, int revents) {
   auto *self = static_cast<FakeAgent *>(w->data);
   if (revents & EV_WRITE) {
-    size_t want = self->singly_ ? 1 : self->out_.size();
-    ssize_t n = send(w->fd, self->out_.data(), want, MSG_NOSIGNAL);
+    ssize_t n = send(w->fd, self->out_.data(), self->singly_end_ > 0 ? 1 : self->out_.size(), MSG_NOSIGNAL);
     if (n > 0) self->out_.erase(0, static_cast<size_t>(n));
+    if (n > 0 && self->singly_end_ > 0) self->singly_end_ -= static_cast<size_t>(n);
     if (self->out_.empty()) self->watch_conn(EV_READ);
   }
   if (!(revents & EV_READ)) return;

@@ -23,7 +23,7 @@ struct Received {
 
 class FakeAgent {
  public:
-  explicit FakeAgent(int port, bool listen_now = true);
+  explicit FakeAgent(int port);
   ~FakeAgent();
   FakeAgent(const FakeAgent &) = delete;
   FakeAgent &operator=(const FakeAgent &) = delete;
@@ -56,7 +56,7 @@ class FakeAgent {
   ev_io listen_w_ = {}, conn_w_ = {};  // fd -1 while closed
   json_tokener *tok_;
   std::string out_;
-  bool singly_ = false;
+  size_t singly_end_ = 0;  // the bytes of out_ before it go one a write
   std::vector<Received> got_;
   int conns_ = 0, parse_errors_ = 0;
 };
