@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -32,74 +33,64 @@ FakeAgent::~FakeAgent() {
   for (auto &r : got_) json_object_put(r.obj);
 }
 
+void FakeAgent::watch(ev_io &w, int fd, int events) {
+  ev_io_stop(loop_, &w);
+  ev_io_set(&w, fd, events);
+  if (fd >= 0) ev_io_start(loop_, &w);
+}
+
 void FakeAgent::start_listening() {
   if (listen_w_.fd >= 0) return;
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  int one = 1;
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), one = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port_));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in a = {AF_INET, htons(static_cast<uint16_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
   if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(fd, 8) != 0) {
     fprintf(stderr, "fake agent: cannot listen on %d: %s\n", port_, strerror(errno));
     abort();
   }
-  ev_io_set(&listen_w_, fd, EV_READ);
-  ev_io_start(EV_DEFAULT_ & listen_w_);
+  watch(listen_w_, fd, EV_READ);
 }
 
 void FakeAgent::stop_listening() {
   close_connection();
-  if (listen_w_.fd < 0) return;
-  ev_io_stop(EV_DEFAULT_ & listen_w_);
-  close(listen_w_.fd);
-  ev_io_set(&listen_w_, -1, EV_READ);
+  if (listen_w_.fd >= 0) close(listen_w_.fd);
+  watch(listen_w_, -1, EV_READ);
 }
 
 void FakeAgent::close_connection() {
   out_.clear();
   singly_end_ = 0;
-  if (conn_w_.fd < 0) return;
-  ev_io_stop(EV_DEFAULT_ & conn_w_);
-  close(conn_w_.fd);
-  ev_io_set(&conn_w_, -1, EV_READ);
-}
-
-void FakeAgent::watch_conn(int events) {
-  ev_io_stop(EV_DEFAULT_ & conn_w_);
-  ev_io_set(&conn_w_, conn_w_.fd, events);
-  ev_io_start(EV_DEFAULT_ & conn_w_);
+  if (conn_w_.fd >= 0) close(conn_w_.fd);
+  watch(conn_w_, -1, EV_READ);
 }
 
 bool FakeAgent::send_raw(const std::string &bytes, bool singly) {
   if (conn_w_.fd < 0) return false;
   out_ += bytes;
   if (singly) singly_end_ = out_.size();
-  watch_conn(EV_READ | EV_WRITE);
+  watch(conn_w_, conn_w_.fd, EV_READ | EV_WRITE);
   return true;
 }
 
 void FakeAgent::on_accept(struct ev_loop *, ev_io *w, int) {
   auto *self = static_cast<FakeAgent *>(w->data);
-  int fd = accept4(w->fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  int fd = accept4(w->fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK), one = 1;
   if (fd < 0) return;
   self->close_connection();
-  int one = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   json_tokener_reset(self->tok_);
   ++self->conns_;
-  ev_io_set(&self->conn_w_, fd, EV_READ);
-  ev_io_start(EV_DEFAULT_ & self->conn_w_);
+  self->watch(self->conn_w_, fd, EV_READ);
 }
 
 void FakeAgent::on_conn(struct ev_loop *, ev_io *w, int revents) {
   auto *self = static_cast<FakeAgent *>(w->data);
   if (revents & EV_WRITE) {
     ssize_t n = send(w->fd, self->out_.data(), self->singly_end_ > 0 ? 1 : self->out_.size(), MSG_NOSIGNAL);
-    if (n > 0) self->out_.erase(0, static_cast<size_t>(n));
-    if (n > 0 && self->singly_end_ > 0) self->singly_end_ -= static_cast<size_t>(n);
-    if (self->out_.empty()) self->watch_conn(EV_READ);
+    size_t sent = n > 0 ? static_cast<size_t>(n) : 0;
+    self->out_.erase(0, sent);
+    self->singly_end_ -= std::min(sent, self->singly_end_);
+    if (self->out_.empty()) self->watch(self->conn_w_, w->fd, EV_READ);
   }
   if (!(revents & EV_READ)) return;
   char buf[65536];
@@ -110,25 +101,19 @@ void FakeAgent::on_conn(struct ev_loop *, ev_io *w, int revents) {
     self->close_connection();
 }
 
+// The client separates objects by nothing or white space, which json-c skips.
 void FakeAgent::on_bytes(const char *p, size_t n) {
-  size_t off = 0;
-  while (off < n) {
-    // Skip separators between objects.
-    if (tok_->char_offset == 0 || json_tokener_get_error(tok_) != json_tokener_continue) {
-      while (off < n && strchr(" \n\r\t", p[off]) != nullptr) ++off;  // also skips NUL
-      if (off == n) break;
-    }
-    json_object *o = json_tokener_parse_ex(tok_, p + off, static_cast<int>(n - off));
-    if (o != nullptr) {
-      off += static_cast<size_t>(tok_->char_offset);
+  while (n > 0) {
+    json_object *o = json_tokener_parse_ex(tok_, p, static_cast<int>(n));
+    if (o == nullptr && json_tokener_get_error(tok_) == json_tokener_continue) return;
+    size_t used = o != nullptr ? static_cast<size_t>(tok_->char_offset) : 1;  // skip a byte after an error
+    if (o != nullptr)
       got_.push_back({o, json_object_to_json_string_ext(o, 0), now_s(), conns_});
-    } else if (json_tokener_get_error(tok_) == json_tokener_continue) {
-      break;
-    } else {
+    else
       ++parse_errors_;
-      ++off;
-    }
     json_tokener_reset(tok_);
+    p += used;
+    n -= used;
   }
 }
 

@@ -25,8 +25,6 @@ class FakeAgent {
  public:
   explicit FakeAgent(int port);
   ~FakeAgent();
-  FakeAgent(const FakeAgent &) = delete;
-  FakeAgent &operator=(const FakeAgent &) = delete;
 
   void start_listening();
   // Closes the listening socket and the current connection.
@@ -49,11 +47,12 @@ class FakeAgent {
  private:
   static void on_accept(struct ev_loop *loop, ev_io *w, int revents);
   static void on_conn(struct ev_loop *loop, ev_io *w, int revents);
-  void watch_conn(int events);
+  void watch(ev_io &w, int fd, int events);  // -1: stopped
   void on_bytes(const char *p, size_t n);
 
+  struct ev_loop *loop_ = ev_default_loop(0);
   int port_;
-  ev_io listen_w_ = {}, conn_w_ = {};  // fd -1 while closed
+  ev_io listen_w_, conn_w_;  // fd -1 while closed
   json_tokener *tok_;
   std::string out_;
   size_t singly_end_ = 0;  // the bytes of out_ before it go one a write
