@@ -356,27 +356,7 @@ TEST_F(Client, OddInputIsSkippedAndTheNextRequestAnswered) {
   EXPECT_EQ(exchange(R"("id":60})"), ok(60));
 }
 
-TEST_F(Client, MessagesQueuedWithoutAgentGoOutInOrderOnceItListens) {
-  agent_.stop_listening();
-  otrpc_start();
-  int first = 0;
-  for (int i = 0; i < 50; ++i) {
-    json_object *m = otrpc_create_message("queued");
-    json_object_object_add(m, "n", json_object_new_int(i));
-    int id = otrpc_send(m);
-    if (i == 0) first = id;
-    EXPECT_EQ(id, first + i);
-    json_object_put(m);
-  }
-  pump_for(1.2);
-  EXPECT_EQ(agent_.received().size(), 0u);
-  agent_.start_listening();
-  ASSERT_TRUE(pump_until([&] { return agent_.with_method("queued").size() == 50; }, 5));
-  auto got = agent_.with_method("queued");
-  for (int i = 0; i < 50; ++i) EXPECT_EQ(jint(got[i].obj, "n"), i);
-}
-
-TEST_F(Client, RetriesOnceASecondWithoutAgentAndStopsInEachState) {
+TEST_F(Client, QueuesWithoutAgentRetriesOnceASecondAndStopsInEachState) {
   agent_.stop_listening();
   kelo::dlist::append(&otrpc_on_state_changed, &rec_[0].node);
   // A non-blocking connect on loopback reports even a refusal later: the
@@ -388,6 +368,14 @@ TEST_F(Client, RetriesOnceASecondWithoutAgentAndStopsInEachState) {
     EXPECT_EQ(kelo::otrpc::otsocket_fd(), -1);
     otrpc_start();
   }
+  auto queue = [](int n) {
+    json_object *m = otrpc_create_message("queued");
+    json_object_object_add(m, "n", json_object_new_int(n));
+    int id = otrpc_send(m);
+    json_object_put(m);
+    return id;
+  };
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(queue(i), i + 1);
   pump_for(3.5);
   // Every attempt passes through IDLE on its way to the wait, a second apart.
   const auto &seen = rec_[0].seen;
@@ -399,36 +387,43 @@ TEST_F(Client, RetriesOnceASecondWithoutAgentAndStopsInEachState) {
   }
   ASSERT_TRUE(waits.size() >= 3 && waits.size() <= 5) << waits.size();
   for (size_t i = 1; i < waits.size(); ++i) EXPECT_NEAR(waits[i] - waits[i - 1], 1.1, 0.2);
-  // In the retry wait the timer is cancelled: nothing connects later.
+  // Once the agent listens, what was queued goes out in order.
+  agent_.start_listening();
+  auto in_order = [&](size_t n) {
+    if (!pump_until([&] { return agent_.with_method("queued").size() == n; }, 5)) return false;
+    for (size_t i = 0; i < n; ++i) EXPECT_EQ(jint(agent_.with_method("queued")[i].obj, "n"), int(i));
+    return true;
+  };
+  ASSERT_TRUE(in_order(50));
+  // Stopped in the retry wait, the timer is cancelled: nothing connects later.
+  agent_.stop_listening();
   ASSERT_TRUE(pump_until([] { return otconn_get_state() == OTCONN_RETRY_WAIT; }, 3));
   otrpc_stop();
   EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
   agent_.start_listening();
   pump_for(1.3);
-  EXPECT_EQ(agent_.connections(), 0);
+  EXPECT_EQ(agent_.connections(), 1);
   EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
-  // Connected: closes without reconnecting, and the queue is kept.
+  // Stopped when connected, it closes without reconnecting and keeps the queue.
   EXPECT_EQ(otrpc_start(), 0);
   ASSERT_TRUE(
-      pump_until([&] { return otconn_get_state() == OTCONN_CONNECTED && agent_.connections() == 1; }, 3));
+      pump_until([&] { return otconn_get_state() == OTCONN_CONNECTED && agent_.connections() == 2; }, 3));
   otrpc_stop();
   EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
-  json_object *m = otrpc_create_message("kept");
-  EXPECT_GT(otrpc_send(m), 0);
-  json_object_put(m);
+  EXPECT_GT(queue(50), 0);
   pump_for(1.3);
-  EXPECT_EQ(agent_.connections(), 1);
+  EXPECT_EQ(agent_.connections(), 2);
   EXPECT_EQ(kelo::otrpc::otsocket_queue_length_for_testing(), 1);
   otrpc_stop();  // stopping when idle does nothing
   EXPECT_EQ(otconn_get_state(), OTCONN_IDLE);
   otrpc_start();
-  ASSERT_TRUE(pump_until([&] { return agent_.with_method("kept").size() == 1; }, 3));
-  EXPECT_EQ(agent_.connections(), 2);
+  ASSERT_TRUE(in_order(51));
+  EXPECT_EQ(agent_.connections(), 3);
   // A second start while connected drops the connection and retries after the delay.
   double t0 = now_s();
   EXPECT_EQ(otrpc_start(), -1);
   EXPECT_EQ(otconn_get_state(), OTCONN_RETRY_WAIT);
-  ASSERT_TRUE(pump_until([&] { return agent_.connections() == 3; }, 3));
+  ASSERT_TRUE(pump_until([&] { return agent_.connections() == 4; }, 3));
   EXPECT_GT(now_s() - t0, 0.9);
 }
 
