@@ -5,7 +5,6 @@
 #include <json-c/json.h>
 
 #include <atomic>
-#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -15,76 +14,48 @@
 #include "support/fake_agent.h"
 #include "support/sandbox.h"
 
-using kelo::test::FakeAgent;
-using kelo::test::jint;
-using kelo::test::pump_until;
-
 namespace {
 
-class Threads : public ::testing::Test {
- protected:
-  void SetUp() override {
-    setenv("KELO_LOG_LEVEL", "info", 1);
-    agent_ = std::make_unique<FakeAgent>(sb_.agent_port());
-    ASSERT_EQ(otrpc_init(), 0);
-  }
-  void TearDown() override { otrpc_fini(); }
-  kelo::test::Sandbox sb_;
-  std::unique_ptr<FakeAgent> agent_;
-};
-
-TEST_F(Threads, FourSendersAllArriveWholeAndOnce) {
-  otrpc_start();
-  constexpr int kThreads = 4, kEach = 500;
-  std::atomic<int> failures{0};
-  std::vector<std::thread> senders;
-  for (int t = 0; t < kThreads; ++t)
-    senders.emplace_back([t, &failures] {
-      for (int n = 0; n < kEach; ++n) {
-        json_object *m = otrpc_create_message("load");
-        json_object *p = nullptr;
-        json_object_object_get_ex(m, "params", &p);
-        json_object_object_add(p, "t", json_object_new_int(t));
-        json_object_object_add(p, "n", json_object_new_int(n));
-        // Some bulk, so that writes would block now and then.
-        json_object_object_add(p, "pad", json_object_new_string(std::string(200 + n % 300, 'p').c_str()));
-        if (otrpc_send(m) <= 0) failures++;
-        json_object_put(m);
-      }
-    });
-  bool all = pump_until([&] { return agent_->with_method("load").size() >= kThreads * kEach; }, 30);
-  for (auto &s : senders) s.join();
-  ASSERT_TRUE(all) << agent_->with_method("load").size();
-  kelo::test::pump_for(0.1);
-  EXPECT_EQ(failures.load(), 0);
-  EXPECT_EQ(agent_->parse_errors(), 0);
-  auto got = agent_->with_method("load");
-  ASSERT_EQ(got.size(), static_cast<size_t>(kThreads * kEach));
-  std::set<std::pair<long long, long long>> seen;
-  std::vector<long long> last(kThreads, -1);
-  for (const auto &r : got) {
-    json_object *p = nullptr;
-    ASSERT_TRUE(json_object_object_get_ex(r.obj, "params", &p));
-    long long t = jint(p, "t"), n = jint(p, "n");
-    EXPECT_TRUE(seen.insert({t, n}).second) << r.text;
-    // Each thread's messages keep their order.
-    EXPECT_GT(n, last[t]);
-    last[t] = n;
-  }
-}
+using namespace kelo::test;
 
 int answer(void *, json_object *, json_object *) { return 0; }
+
 int on_reply(void *arg, json_object *) {
-  static_cast<std::atomic<int> *>(arg)->fetch_add(1);
+  ++*static_cast<std::atomic<int> *>(arg);
   return 0;
 }
 
-TEST_F(Threads, RegisterUnregisterAndCallFromOtherThreads) {
+TEST(Threads, SendersCallersAndRegistrationsWhileTheLoopRuns) {
+  setenv("KELO_LOG_LEVEL", "info", 1);
+  Sandbox sb;
+  FakeAgent agent(sb.agent_port());
+  ASSERT_EQ(otrpc_init(), 0);
   ASSERT_EQ(otrpc_register("stay", answer, nullptr, OTRPC_METHOD_ALLOW_DUP), 0);
   otrpc_start();
-  ASSERT_TRUE(pump_until([&] { return agent_->with_method("register").size() == 1; }, 5));
+  ASSERT_TRUE(pump_until([&] { return agent.with_method("register").size() == 1; }, 5));
+  constexpr int kThreads = 4, kEach = 500, kCalls = 200;
+  std::atomic<int> failures{0}, replies{0};
   std::atomic<bool> stop{false};
-  std::atomic<int> replies{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([t, &failures] {
+      for (int n = 0; n < kEach; ++n) {
+        json_object *m = otrpc_create_message("load");
+        json_object_object_add(m, "t", json_object_new_int(t));
+        json_object_object_add(m, "n", json_object_new_int(n));
+        // Some bulk, so that writes would block now and then.
+        json_object_object_add(m, "pad", json_object_new_string(std::string(200 + n % 300, 'p').c_str()));
+        failures += otrpc_send(m) <= 0;
+        json_object_put(m);
+      }
+    });
+  threads.emplace_back([&] {
+    for (int i = 0; i < kCalls; ++i) {
+      json_object *m = otrpc_create_message("agent.ping");
+      failures += otrpc_call(m, on_reply, &replies) <= 0;
+      json_object_put(m);
+    }
+  });
   std::thread churn([&] {
     for (int i = 0; !stop; ++i) {
       std::string name = "m" + std::to_string(i % 8);
@@ -92,33 +63,49 @@ TEST_F(Threads, RegisterUnregisterAndCallFromOtherThreads) {
       otrpc_unregister(name.c_str());
     }
   });
-  // Meanwhile the agent keeps asking, and drops its connection once.
+  // Meanwhile the agent keeps asking.
   for (int i = 0; i < 50; ++i) {
-    agent_->send_raw(R"({"method":"stay","id":)" + std::to_string(i) + "}");
-    kelo::test::pump_for(0.005);
-    if (i == 25) agent_->close_connection();
+    agent.send_raw(R"({"method":"stay","id":)" + std::to_string(i) + "}");
+    pump_for(0.005);
   }
-  std::atomic<bool> calls_done{false};
-  std::thread caller([&] {
-    for (int i = 0; i < 200; ++i) {
-      json_object *m = otrpc_create_message("agent.ping");
-      otrpc_call(m, on_reply, &replies);
-      json_object_put(m);
-    }
-    calls_done = true;
-  });
-  pump_until([&] { return calls_done.load(); }, 10);
-  caller.join();
+  bool all = pump_until(
+      [&] {
+        return agent.with_method("load").size() >= kThreads * kEach &&
+               agent.with_method("agent.ping").size() >= kCalls;
+      },
+      30);
+  for (auto &t : threads) t.join();
+  ASSERT_TRUE(all) << agent.with_method("load").size();
+  // Answer every call the agent saw; then drop the connection while
+  // registrations go on.
+  std::string text;
+  for (const auto &r : agent.with_method("agent.ping"))
+    text += R"({"id":)" + std::to_string(jint(r.obj, "id")) + R"(,"result":["OK"]})";
+  ASSERT_TRUE(agent.send_raw(text));
+  EXPECT_TRUE(pump_until([&] { return replies.load() >= kCalls; }, 5)) << replies.load();
+  agent.close_connection();
+  auto stays = [&] {
+    int n = 0;
+    for (const auto &r : agent.with_method("register")) n += jstr(r.obj, "key") == "stay";
+    return n;
+  };
+  EXPECT_TRUE(pump_until([&] { return stays() == 2; }, 5));
   stop = true;
   churn.join();
-  ASSERT_TRUE(pump_until([&] { return agent_->with_method("agent.ping").size() >= 200; }, 10));
-  // Answer every call the agent saw.
-  std::string replies_text;
-  for (const auto &r : agent_->with_method("agent.ping"))
-    replies_text += R"({"id":)" + std::to_string(jint(r.obj, "id")) + R"(,"result":["OK"]})";
-  ASSERT_TRUE(agent_->send_raw(replies_text));
-  EXPECT_TRUE(pump_until([&] { return replies.load() >= 200; }, 5)) << replies.load();
-  EXPECT_EQ(agent_->parse_errors(), 0);
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(agent.parse_errors(), 0);
+  // All arrive whole and once, each thread's in order.
+  std::set<std::pair<long long, long long>> seen;
+  std::vector<long long> last(kThreads, -1);
+  for (const auto &r : agent.with_method("load")) {
+    long long t = jint(r.obj, "t"), n = jint(r.obj, "n");
+    ASSERT_TRUE(t >= 0 && t < kThreads) << r.text;
+    EXPECT_TRUE(seen.insert({t, n}).second) << r.text;
+    EXPECT_GT(n, last[t]);
+    last[t] = n;
+  }
+  EXPECT_EQ(seen.size(), size_t(kThreads * kEach));
+  otrpc_fini();
 }
 
 }  // namespace

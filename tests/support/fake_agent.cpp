@@ -1,19 +1,18 @@
 #include "support/fake_agent.h"
 
 #include <arpa/inet.h>
-#include <ev.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <future>
 
 namespace kelo::test {
 
@@ -21,224 +20,115 @@ double now_s() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-FakeAgent::FakeAgent(int port, bool listen_now) : port_(port) {
-  if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) abort();
-  tok_ = json_tokener_new_ex(64);
-  thread_ = std::thread([this] { run(); });
-  if (listen_now) start_listening();
+FakeAgent::FakeAgent(int port) : port_(port), tok_(json_tokener_new_ex(64)) {
+  ev_io_init(&listen_w_, on_accept, -1, EV_READ);
+  ev_io_init(&conn_w_, on_conn, -1, EV_READ);
+  listen_w_.data = conn_w_.data = this;
+  start_listening();
 }
 
 FakeAgent::~FakeAgent() {
-  exec([this] {
-    quit_ = true;
-    if (conn_fd_ >= 0) close(conn_fd_);
-    if (listen_fd_ >= 0) close(listen_fd_);
-    conn_fd_ = listen_fd_ = -1;
-  });
-  thread_.join();
-  close(wake_[0]);
-  close(wake_[1]);
+  stop_listening();
   json_tokener_free(tok_);
   for (auto &r : got_) json_object_put(r.obj);
 }
 
-void FakeAgent::exec(const std::function<void()> &fn) {
-  std::promise<void> done;
-  auto fut = done.get_future();
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    jobs_.push_back([&] {
-      fn();
-      done.set_value();
-    });
-  }
-  char c = 1;
-  (void)!write(wake_[1], &c, 1);
-  fut.wait();
+void FakeAgent::watch(ev_io &w, int fd, int events) {
+  ev_io_stop(loop_, &w);
+  ev_io_set(&w, fd, events);
+  if (fd >= 0) ev_io_start(loop_, &w);
 }
 
 void FakeAgent::start_listening() {
-  exec([this] {
-    if (listen_fd_ >= 0) return;
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port_));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(fd, 8) != 0) {
-      fprintf(stderr, "fake agent: cannot listen on %d: %s\n", port_, strerror(errno));
-      abort();
-    }
-    listen_fd_ = fd;
-  });
+  if (listen_w_.fd >= 0) return;
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in a = {AF_INET, htons(static_cast<uint16_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
+  if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(fd, 8) != 0) {
+    fprintf(stderr, "fake agent: cannot listen on %d: %s\n", port_, strerror(errno));
+    abort();
+  }
+  watch(listen_w_, fd, EV_READ);
 }
 
 void FakeAgent::stop_listening() {
-  exec([this] {
-    if (listen_fd_ >= 0) close(listen_fd_);
-    if (conn_fd_ >= 0) close(conn_fd_);
-    listen_fd_ = conn_fd_ = -1;
-  });
+  close_connection();
+  if (listen_w_.fd >= 0) close(listen_w_.fd);
+  watch(listen_w_, -1, EV_READ);
 }
 
 void FakeAgent::close_connection() {
-  exec([this] {
-    if (conn_fd_ >= 0) close(conn_fd_);
-    conn_fd_ = -1;
-  });
+  out_.clear();
+  singly_end_ = 0;
+  if (conn_w_.fd >= 0) close(conn_w_.fd);
+  watch(conn_w_, -1, EV_READ);
 }
 
-bool FakeAgent::send_raw(const std::string &bytes) {
-  bool ok = false;
-  exec([&] {
-    if (conn_fd_ < 0) return;
-    size_t off = 0;
-    while (off < bytes.size()) {
-      ssize_t n = send(conn_fd_, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return;
-      off += static_cast<size_t>(n);
-    }
-    ok = true;
-  });
-  return ok;
-}
-
-bool FakeAgent::send_bytes_singly(const std::string &bytes, int pause_us) {
-  for (char c : bytes) {
-    if (!send_raw(std::string(1, c))) return false;
-    if (pause_us > 0) usleep(static_cast<useconds_t>(pause_us));
-  }
+bool FakeAgent::send_raw(const std::string &bytes, bool singly) {
+  if (conn_w_.fd < 0) return false;
+  out_ += bytes;
+  if (singly) singly_end_ = out_.size();
+  watch(conn_w_, conn_w_.fd, EV_READ | EV_WRITE);
   return true;
 }
 
-void FakeAgent::on_bytes(const char *p, size_t n) {
-  size_t off = 0;
-  while (off < n) {
-    // Skip separators between objects.
-    if (json_tokener_get_error(tok_) != json_tokener_continue || tok_->char_offset == 0) {
-      while (off < n && (p[off] == ' ' || p[off] == '\n' || p[off] == '\r' || p[off] == '\t' || p[off] == '\0'))
-        ++off;
-      if (off == n) break;
-    }
-    json_object *o = json_tokener_parse_ex(tok_, p + off, static_cast<int>(n - off));
-    json_tokener_error err = json_tokener_get_error(tok_);
-    if (o != nullptr) {
-      off += static_cast<size_t>(tok_->char_offset);
-      std::lock_guard<std::mutex> lock(mu_);
-      got_.push_back({o, json_object_to_json_string_ext(o, 0), now_s(), conns_});
-      cv_.notify_all();
-      json_tokener_reset(tok_);
-      continue;
-    }
-    if (err == json_tokener_continue) break;
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      ++parse_errors_;
-    }
-    json_tokener_reset(tok_);
-    ++off;
-  }
+void FakeAgent::on_accept(struct ev_loop *, ev_io *w, int) {
+  auto *self = static_cast<FakeAgent *>(w->data);
+  int fd = accept4(w->fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK), one = 1;
+  if (fd < 0) return;
+  self->close_connection();
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  json_tokener_reset(self->tok_);
+  ++self->conns_;
+  self->watch(self->conn_w_, fd, EV_READ);
 }
 
-void FakeAgent::run() {
+void FakeAgent::on_conn(struct ev_loop *, ev_io *w, int revents) {
+  auto *self = static_cast<FakeAgent *>(w->data);
+  if (revents & EV_WRITE) {
+    ssize_t n = send(w->fd, self->out_.data(), self->singly_end_ > 0 ? 1 : self->out_.size(), MSG_NOSIGNAL);
+    size_t sent = n > 0 ? static_cast<size_t>(n) : 0;
+    self->out_.erase(0, sent);
+    self->singly_end_ -= std::min(sent, self->singly_end_);
+    if (self->out_.empty()) self->watch(self->conn_w_, w->fd, EV_READ);
+  }
+  if (!(revents & EV_READ)) return;
   char buf[65536];
-  for (;;) {
-    std::vector<std::function<void()>> jobs;
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      jobs.swap(jobs_);
-    }
-    for (auto &j : jobs) j();
-    if (quit_) return;
-    pollfd fds[3] = {{wake_[0], POLLIN, 0}, {listen_fd_, POLLIN, 0}, {conn_fd_, POLLIN, 0}};
-    if (poll(fds, 3, 100) < 0) continue;
-    if (fds[0].revents & POLLIN)
-      while (read(wake_[0], buf, sizeof buf) > 0) {
-      }
-    if (listen_fd_ >= 0 && (fds[1].revents & POLLIN)) {
-      int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd >= 0) {
-        if (conn_fd_ >= 0) close(conn_fd_);
-        conn_fd_ = fd;
-        int one = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        json_tokener_reset(tok_);
-        std::lock_guard<std::mutex> lock(mu_);
-        ++conns_;
-        cv_.notify_all();
-      }
-    }
-    if (conn_fd_ >= 0 && fds[2].fd == conn_fd_ && (fds[2].revents & (POLLIN | POLLHUP | POLLERR))) {
-      ssize_t n = recv(conn_fd_, buf, sizeof buf, MSG_DONTWAIT);
-      if (n > 0) {
-        on_bytes(buf, static_cast<size_t>(n));
-      } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
-        close(conn_fd_);
-        conn_fd_ = -1;
-        std::lock_guard<std::mutex> lock(mu_);
-        cv_.notify_all();
-      }
-    }
+  ssize_t n = recv(w->fd, buf, sizeof buf, 0);
+  if (n > 0)
+    self->on_bytes(buf, static_cast<size_t>(n));
+  else if (n == 0 || (errno != EAGAIN && errno != EINTR))
+    self->close_connection();
+}
+
+// The client separates objects by nothing or white space, which json-c skips.
+void FakeAgent::on_bytes(const char *p, size_t n) {
+  while (n > 0) {
+    json_object *o = json_tokener_parse_ex(tok_, p, static_cast<int>(n));
+    if (o == nullptr && json_tokener_get_error(tok_) == json_tokener_continue) return;
+    size_t used = o != nullptr ? static_cast<size_t>(tok_->char_offset) : 1;  // skip a byte after an error
+    if (o != nullptr)
+      got_.push_back({o, json_object_to_json_string_ext(o, 0), now_s(), conns_});
+    else
+      ++parse_errors_;
+    json_tokener_reset(tok_);
+    p += used;
+    n -= used;
   }
-}
-
-std::vector<Received> FakeAgent::received() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return got_;
-}
-
-size_t FakeAgent::count() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return got_.size();
 }
 
 std::vector<Received> FakeAgent::with_method(const std::string &method) const {
   std::vector<Received> out;
-  std::lock_guard<std::mutex> lock(mu_);
   for (const auto &r : got_)
-    if (jstr(r.obj, "method") == method && jhas(r.obj, "method")) out.push_back(r);
+    if (json_object_object_get_ex(r.obj, "method", nullptr) && jstr(r.obj, "method") == method)
+      out.push_back(r);
   return out;
 }
 
 json_object *FakeAgent::reply_for(long long id) const {
-  std::lock_guard<std::mutex> lock(mu_);
   for (const auto &r : got_)
-    if (!jhas(r.obj, "method") && jint(r.obj, "id") == id) return r.obj;
+    if (!json_object_object_get_ex(r.obj, "method", nullptr) && jint(r.obj, "id") == id) return r.obj;
   return nullptr;
-}
-
-int FakeAgent::connections() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return conns_;
-}
-
-bool FakeAgent::connected() const {
-  bool c = false;
-  const_cast<FakeAgent *>(this)->exec([&] { c = conn_fd_ >= 0; });
-  return c;
-}
-
-int FakeAgent::parse_errors() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return parse_errors_;
-}
-
-void FakeAgent::clear() {
-  std::lock_guard<std::mutex> lock(mu_);
-  for (auto &r : got_) json_object_put(r.obj);
-  got_.clear();
-}
-
-bool FakeAgent::wait_for(const std::function<bool()> &pred, double timeout_s) const {
-  double end = now_s() + timeout_s;
-  while (!pred()) {
-    if (now_s() > end) return false;
-    usleep(2000);
-  }
-  return true;
 }
 
 namespace {
@@ -275,7 +165,5 @@ long long jint(json_object *o, const char *key) {
   if (!json_object_object_get_ex(o, key, &v) || !json_object_is_type(v, json_type_int)) return LLONG_MIN;
   return json_object_get_int64(v);
 }
-
-bool jhas(json_object *o, const char *key) { return json_object_object_get_ex(o, key, nullptr); }
 
 }  // namespace kelo::test

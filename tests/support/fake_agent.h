@@ -1,17 +1,15 @@
-// Test support: a real agent on 127.0.0.1 for the RPC client to talk to. It
-// runs on its own thread, accepts one connection at a time (a new one replaces
-// the old), records every JSON object it receives with a time stamp, and sends
-// scripted bytes. The library's loop runs on the test's thread: pump_until
-// turns it while waiting.
+// Test support: an agent on 127.0.0.1 for the RPC client to talk to. Its
+// sockets are watched by the default loop, like the client's, so everything
+// stays on the test's thread and the agent acts only while the loop turns
+// (pump_until). It accepts one connection at a time (a new one replaces the
+// old), records every JSON object it receives, and sends scripted bytes.
 #pragma once
 
+#include <ev.h>
 #include <json-c/json.h>
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace kelo::test {
@@ -25,54 +23,41 @@ struct Received {
 
 class FakeAgent {
  public:
-  explicit FakeAgent(int port, bool listen_now = true);
+  explicit FakeAgent(int port);
   ~FakeAgent();
-  FakeAgent(const FakeAgent &) = delete;
-  FakeAgent &operator=(const FakeAgent &) = delete;
 
   void start_listening();
   // Closes the listening socket and the current connection.
   void stop_listening();
   // Closes the current connection (the listener stays).
   void close_connection();
-  // Writes bytes whole to the current connection; false when there is none.
-  bool send_raw(const std::string &bytes);
-  // Writes bytes one write() at a time, pause_us between them.
-  bool send_bytes_singly(const std::string &bytes, int pause_us = 0);
+  // Queues bytes for the current connection, written as the loop turns (one
+  // byte a write when singly); false when there is no connection.
+  bool send_raw(const std::string &bytes, bool singly = false);
 
-  std::vector<Received> received() const;
-  size_t count() const;
+  const std::vector<Received> &received() const { return got_; }
   // Objects whose "method" equals method.
   std::vector<Received> with_method(const std::string &method) const;
   // The first object whose "id" equals id and that has no "method"; NULL when none.
   json_object *reply_for(long long id) const;
-  int connections() const;
-  bool connected() const;
+  int connections() const { return conns_; }
   // Bytes received that the agent's own parser rejected.
-  int parse_errors() const;
-  void clear();
-
-  // Waits (without running the client's loop) until pred holds.
-  bool wait_for(const std::function<bool()> &pred, double timeout_s) const;
+  int parse_errors() const { return parse_errors_; }
 
  private:
-  void run();
-  void exec(const std::function<void()> &fn);
+  static void on_accept(struct ev_loop *loop, ev_io *w, int revents);
+  static void on_conn(struct ev_loop *loop, ev_io *w, int revents);
+  void watch(ev_io &w, int fd, int events);  // -1: stopped
   void on_bytes(const char *p, size_t n);
 
+  struct ev_loop *loop_ = ev_default_loop(0);
   int port_;
-  int wake_[2] = {-1, -1};
-  int listen_fd_ = -1;
-  int conn_fd_ = -1;
-  bool quit_ = false;
-  json_tokener *tok_ = nullptr;
-  mutable std::mutex mu_;
-  mutable std::condition_variable cv_;
+  ev_io listen_w_, conn_w_;  // fd -1 while closed
+  json_tokener *tok_;
+  std::string out_;
+  size_t singly_end_ = 0;  // the bytes of out_ before it go one a write
   std::vector<Received> got_;
-  std::vector<std::function<void()>> jobs_;
-  int conns_ = 0;
-  int parse_errors_ = 0;
-  std::thread thread_;
+  int conns_ = 0, parse_errors_ = 0;
 };
 
 // Monotonic seconds.
@@ -84,10 +69,9 @@ bool pump_until(const std::function<bool()> &pred, double timeout_s);
 // Turns the default loop for seconds.
 void pump_for(double seconds);
 
-// Helpers for reading received objects: string member ("" when absent or not
-// a string), integer member (LLONG_MIN when absent).
+// Members of received objects: a string ("" when absent or not a string), an
+// integer (LLONG_MIN when absent).
 std::string jstr(json_object *o, const char *key);
 long long jint(json_object *o, const char *key);
-bool jhas(json_object *o, const char *key);
 
 }  // namespace kelo::test
