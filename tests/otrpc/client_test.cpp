@@ -386,8 +386,12 @@ TEST_F(Client, QueuesWithoutAgentRetriesOnceASecondAndStopsInEachState) {
     EXPECT_TRUE(seen[i].to != OTCONN_RETRY_WAIT || seen[i].from == OTCONN_IDLE);
     if (seen[i].to == OTCONN_RETRY_WAIT) waits.push_back(seen[i].t);
   }
-  ASSERT_TRUE(waits.size() >= 3 && waits.size() <= 5) << waits.size();
-  for (size_t i = 1; i < waits.size(); ++i) EXPECT_NEAR(waits[i] - waits[i - 1], 1.1, 0.2);
+  // A second apart, never sooner; a loaded machine may only make them later.
+  ASSERT_TRUE(waits.size() >= 2 && waits.size() <= 5) << waits.size();
+  for (size_t i = 1; i < waits.size(); ++i) {
+    EXPECT_GE(waits[i] - waits[i - 1], 0.95);
+    EXPECT_LE(waits[i] - waits[i - 1], 2.0);
+  }
   // Once the agent listens, what was queued goes out in order.
   agent_.start_listening();
   auto in_order = [&](size_t n) {
