@@ -64,7 +64,8 @@ int main(void) {
   MD5Update(&ctx, (const unsigned char *)"abc", 3);
   MD5Final(&ctx, digest);
   char hex[33];
-  CHECK(hex_stringify(digest, 16, hex, sizeof hex) == 32 && strcmp(hex, "900150983cd24fb0d6963f7d28e17f72") == 0);
+  CHECK(hex_stringify(digest, 16, hex, sizeof hex) == 32 &&
+        strcmp(hex, "900150983cd24fb0d6963f7d28e17f72") == 0);
   CHECK(kelo_round(100, 64) == 128);
   uint32_t size = 0;
   void *packet = construct_packet_cmd(7, "xy", 2, &size);
