@@ -13,12 +13,18 @@ namespace kelo::test {
 // forked children. False when not running as root or when it fails.
 bool drop_to_nobody();
 
+// One datagram "<priority>Mmm dd hh:mm:ss ident[pid]: text", taken apart.
+struct SyslogMessage {
+  int priority = -1;
+  std::string ident, text;
+};
+
 struct SyslogCapture {
-  bool available = false;             // false: no private /dev/log (see why)
-  std::string why;                    // reason when not available
-  std::vector<std::string> messages;  // datagrams as sent, e.g. "<30>Nov 22 ... camd[12]: hi"
-  std::string err;                    // standard error of the child
-  int exit_code = -1;                 // of the child running fn
+  bool available = false;               // false: no private /dev/log (see why)
+  std::string why;                      // reason when not available
+  std::vector<SyslogMessage> messages;  // in the order sent
+  std::string err;                      // standard error of the child
+  int exit_code = -1;                   // of the child running fn
 };
 
 // Forks a child that enters a new mount namespace, mounts a tmpfs on /dev,
@@ -26,12 +32,5 @@ struct SyslogCapture {
 // every datagram the socket received. Needs root; never touches the real
 // /dev. fn must not write to standard output.
 SyslogCapture capture_syslog(const std::function<void()> &fn, int timeout_s = 30);
-
-// The text after "ident[pid]: " of a datagram, or "" when it has no such part.
-std::string syslog_text(const std::string &datagram);
-// The priority number of "<N>...", or -1.
-int syslog_priority(const std::string &datagram);
-// The ident before "[pid]: ", or "".
-std::string syslog_ident(const std::string &datagram);
 
 }  // namespace kelo::test
