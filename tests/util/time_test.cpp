@@ -89,9 +89,6 @@ TEST(Time, TimerStartArmsAsAsked) {
 }
 
 TEST(Time, TimerStartFailuresAreLogged) {
-  struct timespec ts = kelo::timeutil::ms_to_interval(-1500);  // truncated towards zero
-  EXPECT_EQ(ts.tv_sec, -1);
-  EXPECT_EQ(ts.tv_nsec, -500000000);
   kelo::test::Sandbox sb;
   auto r = kelo::test::run_child([] {
     setenv("KELO_LOG_FILE", "-", 1);
