@@ -104,7 +104,7 @@ TEST(Md5, ContextLayoutCountAndFinalThatDoesNotClear) {
   EXPECT_EQ(ctx.count[0], 8000u);
   EXPECT_EQ(memcmp(ctx.buffer, data.data(), 1000 % 64), 0);
   ctx.count[0] = 0xfffffff8u;  // the bit count carries into the high word
-  MD5Update(&ctx, ctx.buffer, 16);
+  MD5Update(&ctx, reinterpret_cast<const unsigned char *>(data.data()), 16);
   EXPECT_EQ(ctx.count[0], 0x78u);
   EXPECT_EQ(ctx.count[1], 1u);
 
