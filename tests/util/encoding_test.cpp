@@ -27,11 +27,9 @@ TEST(Hex, Str2hexAndStringify) {
   str2hex(out, in, 4);
   EXPECT_EQ(string(out, 10), string("00ab7fff\0x", 10));
   // len, outsize, result, text ("x..." untouched); len 0 writes nothing; 2 * len wraps in the last.
-  const std::tuple<size_t, size_t, int, const char *> cases[] = {{2, 5, 4, "00ab"},
-                                                                 {2, 4, -1, "xxxxxxxxx"},
-                                                                 {0, 1, 0, "xxxxxxxxx"},
-                                                                 {0, 0, -1, "xxxxxxxxx"},
-                                                                 {SIZE_MAX / 2 + 1, 8, -1, "xxxxxxxxx"}};
+  const std::tuple<size_t, size_t, int, const char *> cases[] = {
+      {4, 9, 8, "00ab7fff"},  {2, 5, 4, "00ab"},       {2, 4, -1, "xxxxxxxxx"},
+      {0, 1, 0, "xxxxxxxxx"}, {0, 0, -1, "xxxxxxxxx"}, {SIZE_MAX / 2 + 1, 8, -1, "xxxxxxxxx"}};
   for (auto [len, outsize, ret, text] : cases) {
     memset(out, 'x', 9);
     out[9] = '\0';
@@ -144,14 +142,16 @@ string dec(const string &s) {
 // Every output size around the exact one: the result, and no byte touched
 // past what was written (on failure, the groups that fitted).
 TEST(Base64, Rfc4648VectorsAndOutputSizes) {
-  for (auto [plain, coded] : {std::pair<string, string>{"", ""},
-                              {"f", "Zg=="},
-                              {"fo", "Zm8="},
-                              {"foo", "Zm9v"},
-                              {"foob", "Zm9vYg=="},
-                              {"fooba", "Zm9vYmE="},
-                              {"foobar", "Zm9vYmFy"},
-                              {"foobarbazqux", "Zm9vYmFyYmF6cXV4"}}) {
+  const std::pair<const char *, const char *> vectors[] = {{"", ""},
+                                                           {"f", "Zg=="},
+                                                           {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},
+                                                           {"foob", "Zm9vYg=="},
+                                                           {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"},
+                                                           {"foobarbazqux", "Zm9vYmFyYmF6cXV4"}};
+  for (auto [plain_text, coded_text] : vectors) {
+    string plain = plain_text, coded = coded_text;
     EXPECT_EQ(dec(coded), plain);
     for (size_t outsize = 0; outsize <= coded.size() + 2; ++outsize) {
       char out[24];
