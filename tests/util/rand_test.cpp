@@ -4,51 +4,36 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "kelo/rand.h"
 
 namespace {
 
 TEST(Rand, RangeUsesTheSignedRemainder) {
-  struct Case {
-    int lo, hi, min, max;
-  } cases[] = {
-      {5, 6, 5, 5},
-      {0, 10, -9, 9},
-      {10000, 100000000, 10000 - 99989999, 10000 + 99989999},
-      {-5, 5, -14, 4},
-      {10, 0, 1, 19},  // n = -10: still lo +- 9
-  };
-  for (const auto &c : cases) {
+  // lo, hi, min, max: values below lo are part of the contract; n = -10 is
+  // still lo +- 9; n = -1 (or INT32_MIN % -1) never traps; hi == lo adds the
+  // raw value, spread over the whole 32-bit range.
+  const int cases[][4] = {{5, 6, 5, 5},
+                          {0, 10, -9, 9},
+                          {10000, 100000000, 10000 - 99989999, 10000 + 99989999},
+                          {-5, 5, -14, 4},
+                          {10, 0, 1, 19},
+                          {3, 2, 3, 3},
+                          {7, 7, INT32_MIN, INT32_MAX}};
+  for (auto [lo, hi, min, max] : cases) {
     bool below = false, above = false;
+    int far = lo == hi ? 1000000 : 0;
     for (int i = 0; i < 4000; ++i) {
-      int v = rand_range(c.lo, c.hi);
-      ASSERT_GE(v, c.min) << c.lo << ".." << c.hi;
-      ASSERT_LE(v, c.max) << c.lo << ".." << c.hi;
-      below |= v < c.lo;
-      above |= v > c.lo;
+      int v = rand_range(lo, hi);
+      ASSERT_GE(v, min) << lo << ".." << hi;
+      ASSERT_LE(v, max) << lo << ".." << hi;
+      below |= v < lo - far;
+      above |= v > lo + far;
     }
-    if (c.max > c.min) {
-      EXPECT_TRUE(below) << "values below lo are part of the contract";
-      EXPECT_TRUE(above);
-    }
+    EXPECT_EQ(below, max > min) << lo << ".." << hi;
+    EXPECT_EQ(above, max > min) << lo << ".." << hi;
   }
-}
-
-TEST(Rand, EqualBoundsAddTheRawValue) {
-  // lo + r: with lo = 7 the results spread over the whole 32-bit range.
-  bool big = false, negative = false;
-  for (int i = 0; i < 200; ++i) {
-    int v = rand_range(7, 7);
-    big |= v > 1000000;
-    negative |= v < -1000000;
-  }
-  EXPECT_TRUE(big);
-  EXPECT_TRUE(negative);
-  // n = -1 (or INT32_MIN % -1) never traps and always gives lo.
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(rand_range(3, 2), 3);
-}
-
-TEST(Rand, IdsIncludeZeroAndNegatives) {
   bool negative = false;
   for (int i = 0; i < 200; ++i) {
     int v = generate_random_id();
@@ -60,36 +45,24 @@ TEST(Rand, IdsIncludeZeroAndNegatives) {
 }
 
 TEST(Rand, StrKeepsTheFirstByteAndTerminates) {
-  const char alphabet[] = "abc";
-  char out[12];
-  memset(out, '#', sizeof out);
-  rand_str(alphabet, 3, out, 0);
-  EXPECT_EQ(out[0], '#');  // len 0 writes nothing, not even a terminator
-
-  rand_str(alphabet, 3, out, 1);
-  EXPECT_EQ(out[0], '#');
-  EXPECT_EQ(out[1], '\0');
-  EXPECT_EQ(out[2], '#');
-
-  for (int round = 0; round < 50; ++round) {
-    memset(out, '#', sizeof out);
-    out[0] = 'X';
-    rand_str(alphabet, 3, out, 10);
-    EXPECT_EQ(out[0], 'X');
-    EXPECT_EQ(out[10], '\0');
-    EXPECT_EQ(out[11], '#');
-    for (int i = 1; i < 10; ++i) ASSERT_NE(strchr("abc", out[i]), nullptr) << out;
+  // The first byte is never written; len 0 writes nothing, not even a
+  // terminator; without an alphabet only the terminator. '?': any of "abc".
+  const std::tuple<const char *, int, int, const char *> cases[] = {{"abc", 3, 0, "X#####"},
+                                                                    {"abc", 3, 1, "X\0####"},
+                                                                    {"abc", 3, 10, "X?????????\0#"},
+                                                                    {"", 0, 4, "X###\0#"},
+                                                                    {"abc", -3, 4, "X###\0#"}};
+  for (auto [alphabet, alen, len, want] : cases) {
+    size_t n = static_cast<size_t>(len > 4 ? len + 2 : 6);
+    for (int round = 0; round < 20; ++round) {
+      char out[12];
+      memset(out, '#', sizeof out);
+      out[0] = 'X';
+      rand_str(alphabet, alen, out, len);
+      for (size_t i = 0; i < n; ++i)
+        ASSERT_TRUE(want[i] == '?' ? strchr("abc", out[i]) && out[i] : out[i] == want[i]) << len << "@" << i;
+    }
   }
-}
-
-TEST(Rand, StrWithoutAlphabetWritesOnlyTheTerminator) {
-  char out[6];
-  memset(out, '#', sizeof out);
-  rand_str("", 0, out, 4);
-  EXPECT_EQ(memcmp(out, "####\0#", 6), 0);
-  memset(out, '#', sizeof out);
-  rand_str("abc", -3, out, 4);
-  EXPECT_EQ(memcmp(out, "####\0#", 6), 0);
 }
 
 }  // namespace
