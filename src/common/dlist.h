@@ -47,6 +47,18 @@ inline void unlink_checked(Node **head, Node *n) {
   n->next = nullptr;
 }
 
+// Empties the list at *head, marking every node unlinked; nodes are not freed
+// (they belong to whoever linked them).
+template <typename Node>
+inline void clear(Node **head) {
+  for (Node *n = *head, *next; n != nullptr; n = next) {
+    next = n->next;
+    n->prev = nullptr;
+    n->next = nullptr;
+  }
+  *head = nullptr;
+}
+
 }  // namespace kelo::dlist
 
 // Unlinks node from the list at head, asserting that it is linked. The text of

@@ -194,12 +194,7 @@ void otconn_fini() {
   ev_async_stop(EV_DEFAULT_ &g_async);
   otconn_stop();
   otsocket_fini();
-  for (otrpc_state_hook *h = otrpc_on_state_changed, *next; h != nullptr; h = next) {
-    next = h->next;
-    h->prev = nullptr;
-    h->next = nullptr;
-  }
-  otrpc_on_state_changed = nullptr;
+  kelo::dlist::clear(&otrpc_on_state_changed);
 }
 
 }  // namespace

@@ -70,12 +70,7 @@ void otsocket_fini() {
     g_tok = nullptr;
   }
   otsocket_close();
-  for (otsocket_close_hook *h = otsocket_close_hooks, *next; h != nullptr; h = next) {
-    next = h->next;
-    h->prev = nullptr;
-    h->next = nullptr;
-  }
-  otsocket_close_hooks = nullptr;
+  kelo::dlist::clear(&otsocket_close_hooks);
 }
 
 int otsocket_fd() { return g_fd; }
