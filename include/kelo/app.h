@@ -27,7 +27,8 @@ KELO_EXPORT extern app_desc *app_current;
 
 /* Start-up, in this order: name, state, facility, app_current, logging,
  * options, RPC client (when methods are given), atexit(app_fini). Returns 0.
- * Exits the process for --help (0) and a missing required option (127). */
+ * Exits the process for --help (0) and a missing required option (127).
+ * A NULL descriptor gives -1 with errno EINVAL. */
 KELO_EXPORT int app_init(app_desc *app, int argc, char **argv);
 /* Runs the default libev loop until app_break; returns what ev_run returned. */
 KELO_EXPORT int app_run(void);

@@ -1,6 +1,7 @@
 // The application frame: start-up in a fixed order (descriptor, logging,
 // options, RPC client), the default libev loop, a break usable from any thread
 // or signal handler, and the teardown registered with atexit.
+#include <errno.h>
 #include <ev.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -29,6 +30,11 @@ using kelo::app::app_break_watcher;
 extern "C" {
 
 KELO_EXPORT int app_init(app_desc *app, int argc, char **argv) {
+  // No descriptor: nothing to start (instead of writing through NULL).
+  if (app == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
   if (app->name[0] == '\0') prctl(PR_GET_NAME, app->name, 0, 0, 0);
   app->state = 1;
   if (app->facility == 0) app->facility = 8;  // LOG_USER; facility 0 cannot be chosen

@@ -63,9 +63,8 @@ inline void clear(Node **head) {
 
 // Unlinks node from the list at head, asserting that it is linked. The text of
 // expr is what the failed assertion prints, e.g. "(q)->prev != NULL".
-#define KELO_DLIST_UNLINK(head, node, expr)                            \
-  do {                                                                 \
-    if ((node)->prev == nullptr)                                       \
-      __assert_fail(expr, __FILE__, __LINE__, __func__);    \
-    ::kelo::dlist::unlink_checked((head), (node));                     \
+#define KELO_DLIST_UNLINK(head, node, expr)                                         \
+  do {                                                                              \
+    if ((node)->prev == nullptr) __assert_fail(expr, __FILE__, __LINE__, __func__); \
+    ::kelo::dlist::unlink_checked((head), (node));                                  \
   } while (0)

@@ -2,7 +2,9 @@
 // merged table, logging, the exit-time teardown, and a service with methods
 // talking to an agent on the sandbox's port.
 #include <arpa/inet.h>
+#include <errno.h>
 #include <ev.h>
+
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <netinet/in.h>
@@ -146,6 +148,7 @@ TEST(App, LoggingStartsAndFiniRunsAtExitOnlyOnce) {
 
   auto twice = run_child([] {
     app_fini();  // before app_init: nothing
+    if (app_init(nullptr, 1, g_argv) != -1 || errno != EINVAL) _exit(4);
     static app_desc app{};
     app_init(&app, 1, g_argv);
     log_set_handler(0xff, &g_counting);
