@@ -31,85 +31,84 @@ std::vector<unsigned char> pattern(size_t n) {
   return v;
 }
 
-void BM_Md5_Kelo(benchmark::State &st) {
-  auto data = pattern(static_cast<size_t>(st.range(0)));
-  unsigned char d[16];
+// Runs body once per iteration and counts range(0) bytes for each.
+template <typename Body>
+void count_bytes(benchmark::State &st, Body body) {
   for (auto _ : st) {
+    body();
+    benchmark::ClobberMemory();
+  }
+  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+}
+
+size_t arg(const benchmark::State &st) { return static_cast<size_t>(st.range(0)); }
+
+// Base64 text of n pattern bytes, NUL-terminated.
+std::vector<char> base64_of(size_t n) {
+  auto data = pattern(n);
+  std::vector<char> text((n + 2) / 3 * 4 + 1);
+  base64_encode(data.data(), n, text.data(), text.size());
+  return text;
+}
+
+void BM_Md5_Kelo(benchmark::State &st) {
+  auto data = pattern(arg(st));
+  unsigned char d[16];
+  count_bytes(st, [&] {
     MD5_CTX ctx;
     MD5Init(&ctx);
     MD5Update(&ctx, data.data(), static_cast<unsigned>(data.size()));
     MD5Final(&ctx, d);
     benchmark::DoNotOptimize(d);
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  });
 }
 BENCHMARK(BM_Md5_Kelo)->Arg(1 << 10)->Arg(1 << 20);
 
-#if defined(KELO_BENCH_OPENSSL)
-void BM_Md5_OpenSSL(benchmark::State &st) {
-  auto data = pattern(static_cast<size_t>(st.range(0)));
-  unsigned char d[16];
-  for (auto _ : st) {
-    MD5(data.data(), data.size(), d);
-    benchmark::DoNotOptimize(d);
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
-}
-BENCHMARK(BM_Md5_OpenSSL)->Arg(1 << 10)->Arg(1 << 20);
-#endif
-
 // Base64 in both directions; bytes processed are the binary bytes.
 void BM_Base64Encode_Kelo(benchmark::State &st) {
-  size_t n = static_cast<size_t>(st.range(0));
-  auto data = pattern(n);
-  std::vector<char> out((n + 2) / 3 * 4 + 1);
-  for (auto _ : st) {
-    benchmark::DoNotOptimize(base64_encode(data.data(), n, out.data(), out.size()));
-    benchmark::ClobberMemory();
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  auto data = pattern(arg(st));
+  std::vector<char> out((arg(st) + 2) / 3 * 4 + 1);
+  count_bytes(
+      st, [&] { benchmark::DoNotOptimize(base64_encode(data.data(), data.size(), out.data(), out.size())); });
 }
 BENCHMARK(BM_Base64Encode_Kelo)->Arg(4 << 10)->Arg(1 << 20);
 
 void BM_Base64Decode_Kelo(benchmark::State &st) {
-  size_t n = static_cast<size_t>(st.range(0));
-  auto data = pattern(n);
-  std::vector<char> text((n + 2) / 3 * 4 + 1);
-  base64_encode(data.data(), n, text.data(), text.size());
-  std::vector<unsigned char> out(n + 3);
-  for (auto _ : st) {
+  auto text = base64_of(arg(st));
+  std::vector<unsigned char> out(arg(st) + 3);
+  count_bytes(st, [&] {
     benchmark::DoNotOptimize(base64_decode(text.data(), text.size() - 1, out.data(), out.size()));
-    benchmark::ClobberMemory();
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  });
 }
 BENCHMARK(BM_Base64Decode_Kelo)->Arg(4 << 10)->Arg(1 << 20);
 
 #if defined(KELO_BENCH_OPENSSL)
+void BM_Md5_OpenSSL(benchmark::State &st) {
+  auto data = pattern(arg(st));
+  unsigned char d[16];
+  count_bytes(st, [&] {
+    MD5(data.data(), data.size(), d);
+    benchmark::DoNotOptimize(d);
+  });
+}
+BENCHMARK(BM_Md5_OpenSSL)->Arg(1 << 10)->Arg(1 << 20);
+
 void BM_Base64Encode_OpenSSL(benchmark::State &st) {
-  size_t n = static_cast<size_t>(st.range(0));
-  auto data = pattern(n);
-  std::vector<unsigned char> out((n + 2) / 3 * 4 + 1);
-  for (auto _ : st) {
-    benchmark::DoNotOptimize(EVP_EncodeBlock(out.data(), data.data(), static_cast<int>(n)));
-    benchmark::ClobberMemory();
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  auto data = pattern(arg(st));
+  std::vector<unsigned char> out((arg(st) + 2) / 3 * 4 + 1);
+  count_bytes(st, [&] {
+    benchmark::DoNotOptimize(EVP_EncodeBlock(out.data(), data.data(), static_cast<int>(data.size())));
+  });
 }
 BENCHMARK(BM_Base64Encode_OpenSSL)->Arg(4 << 10)->Arg(1 << 20);
 
 void BM_Base64Decode_OpenSSL(benchmark::State &st) {
-  size_t n = static_cast<size_t>(st.range(0));
-  auto data = pattern(n);
-  std::vector<char> text((n + 2) / 3 * 4 + 1);
-  base64_encode(data.data(), n, text.data(), text.size());
-  std::vector<unsigned char> out(n + 3);
-  for (auto _ : st) {
-    benchmark::DoNotOptimize(EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()),
-                                             static_cast<int>(text.size() - 1)));
-    benchmark::ClobberMemory();
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  auto text = base64_of(arg(st));
+  std::vector<unsigned char> out(arg(st) + 3);
+  const auto *in = reinterpret_cast<const unsigned char *>(text.data());
+  count_bytes(st, [&] {
+    benchmark::DoNotOptimize(EVP_DecodeBlock(out.data(), in, static_cast<int>(text.size() - 1)));
+  });
 }
 BENCHMARK(BM_Base64Decode_OpenSSL)->Arg(4 << 10)->Arg(1 << 20);
 #endif
@@ -126,34 +125,19 @@ struct CopyBufs {
 };
 
 void BM_Copy_memcpy(benchmark::State &st) {
-  size_t n = static_cast<size_t>(st.range(0));
-  CopyBufs b(n);
-  for (auto _ : st) {
-    memcpy(b.d, b.s, n);
-    benchmark::ClobberMemory();
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  CopyBufs b(arg(st));
+  count_bytes(st, [&] { memcpy(b.d, b.s, arg(st)); });
 }
 
 void BM_Copy_mem_cpy_pld(benchmark::State &st) {
-  size_t n = static_cast<size_t>(st.range(0));
-  CopyBufs b(n);
-  for (auto _ : st) {
-    benchmark::DoNotOptimize(mem_cpy_pld(b.d, b.s, n));
-    benchmark::ClobberMemory();
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  CopyBufs b(arg(st));
+  count_bytes(st, [&] { benchmark::DoNotOptimize(mem_cpy_pld(b.d, b.s, arg(st))); });
 }
 
 // len - 64 copies exactly len bytes (the loop adds one block).
 void BM_Copy_kelo_copy(benchmark::State &st) {
-  size_t n = static_cast<size_t>(st.range(0));
-  CopyBufs b(n);
-  for (auto _ : st) {
-    kelo_copy(b.d, b.s, static_cast<int>(n) - 64);
-    benchmark::ClobberMemory();
-  }
-  st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * st.range(0));
+  CopyBufs b(arg(st));
+  count_bytes(st, [&] { kelo_copy(b.d, b.s, static_cast<int>(arg(st)) - 64); });
 }
 
 #define KELO_COPY_SIZES ->Arg(256)->Arg(4 << 10)->Arg(64 << 10)->Arg(4 << 20)

@@ -59,11 +59,30 @@ void warn_not_built(const char *name) {
   log_warning("kelo_util: otrpc: Fail to register method \"%s\"\n", name);
 }
 
-void unlink_return(otmethod_return_ctx *ctx) {
-  if (ctx->prev == nullptr) __assert_fail("(ctx)->prev != NULL", __FILE__, __LINE__, __func__);
+// func names the caller in a failed assertion.
+void unlink_return(otmethod_return_ctx *ctx, const char *func) {
+  if (ctx->prev == nullptr) __assert_fail("(ctx)->prev != NULL", __FILE__, __LINE__, func);
   DL_DELETE(g_returns, ctx);
   ctx->prev = nullptr;
   ctx->next = nullptr;
+}
+
+// Hands message (NULL: expiry) to every pending call that match selects, in
+// list order, and frees it. A callback may call again (appending, expiring):
+// each context leaves the list before its callback runs, and the walk starts
+// again from the head. Runs under the registry lock.
+template <typename Match>
+void finish_returns(Match match, json_object *message, const char *func) {
+  for (otmethod_return_ctx *ctx = g_returns; ctx != nullptr;) {
+    if (!match(ctx)) {
+      ctx = ctx->next;
+      continue;
+    }
+    unlink_return(ctx, func);
+    if (ctx->callback != nullptr) ctx->callback(ctx->arg, message);
+    free(ctx);
+    ctx = g_returns;
+  }
 }
 
 // Whether a request with this integer id was among the last three let
@@ -155,7 +174,8 @@ int otmethod_init() {
 }
 
 void otmethod_fini() {
-  if (g_state_hook.prev != nullptr) KELO_DLIST_UNLINK(&otrpc_on_state_changed, &g_state_hook, "(hook)->prev != NULL");
+  if (g_state_hook.prev != nullptr)
+    KELO_DLIST_UNLINK(&otrpc_on_state_changed, &g_state_hook, "(hook)->prev != NULL");
   otmethod_entry *e, *tmp;
   HASH_ITER(hh, g_table, e, tmp) {
     HASH_DELETE(hh, g_table, e);
@@ -170,18 +190,8 @@ void otmethod_fini() {
 void otmethod_register_return(int id, otrpc_return_cb callback, void *arg) {
   time_t now = time(nullptr);
   MutexLock lock(&g_lock);
-  // An expiry callback may itself call (and so expire): each expired context
-  // leaves the list before its callback runs, and the walk starts again.
-  for (otmethod_return_ctx *ctx = g_returns; ctx != nullptr;) {
-    if (now - ctx->created <= kReturnMaxAge) {
-      ctx = ctx->next;
-      continue;
-    }
-    unlink_return(ctx);
-    if (ctx->callback != nullptr) ctx->callback(ctx->arg, nullptr);
-    free(ctx);
-    ctx = g_returns;
-  }
+  finish_returns([now](const otmethod_return_ctx *c) { return now - c->created > kReturnMaxAge; }, nullptr,
+                 __func__);
   auto *ctx = static_cast<otmethod_return_ctx *>(malloc(sizeof(otmethod_return_ctx)));
   if (ctx == nullptr) abort();
   ctx->id = id;
@@ -193,19 +203,8 @@ void otmethod_register_return(int id, otrpc_return_cb callback, void *arg) {
 
 void invoke_return_ctx(int id, json_object *message) {
   MutexLock lock(&g_lock);
-  // Every pending call with this id gets the reply. The callback may call
-  // again (appending, expiring): the context leaves the list first and the
-  // walk starts again from the head.
-  for (otmethod_return_ctx *ctx = g_returns; ctx != nullptr;) {
-    if (ctx->id != id) {
-      ctx = ctx->next;
-      continue;
-    }
-    unlink_return(ctx);
-    if (ctx->callback != nullptr) ctx->callback(ctx->arg, message);
-    free(ctx);
-    ctx = g_returns;
-  }
+  // Every pending call with this id gets the reply, not only the first.
+  finish_returns([id](const otmethod_return_ctx *c) { return c->id == id; }, message, __func__);
 }
 
 int otmethod_handle_message(json_object *message) {
@@ -264,7 +263,8 @@ KELO_EXPORT int otrpc_register(const char *name, otrpc_method_cb callback, void 
     if (handle > 0) {
       // Only if the completion has not already reported the text written.
       int32_t expected = -1;
-      std::atomic_ref<int32_t>(e->reg_id).compare_exchange_strong(expected, handle, std::memory_order_relaxed);
+      std::atomic_ref<int32_t>(e->reg_id).compare_exchange_strong(expected, handle,
+                                                                  std::memory_order_relaxed);
     }
     json_object_put(msg);
   } else {

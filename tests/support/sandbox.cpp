@@ -23,6 +23,10 @@ namespace kelo::test {
 
 int free_port_once();
 
+const char kWirelessHeader[] =
+    "Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n"
+    " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n";
+
 Sandbox::Sandbox() {
   const char *tmp = getenv("TMPDIR");
   std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/kelo-t-XXXXXX";
@@ -35,9 +39,8 @@ Sandbox::Sandbox() {
   wireless_ = path("wireless");
   write_file("os-release", "NAME=Camera\nHOLVEN_VERSION=1.2.3_0045\n");
   write_file("wireless",
-             "Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n"
-             " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n"
-             " wlan0: 0000   70.  -40.  -256        0      0      0      0      0        0\n");
+             std::string(kWirelessHeader) +
+                 " wlan0: 0000   70.  -40.  -256        0      0      0      0      0        0\n");
   font_ = "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
   port_ = free_port();
   apply();

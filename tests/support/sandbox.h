@@ -8,6 +8,9 @@
 
 namespace kelo::test {
 
+// The two header lines of the kernel's wireless list; interface lines follow.
+extern const char kWirelessHeader[];
+
 class Sandbox {
  public:
   // Makes the tree and points the library's paths at it. The region prefix is
@@ -43,11 +46,11 @@ class Sandbox {
 int free_port();
 
 struct ChildResult {
-  int status = -1;        // raw wait status
+  int status = -1;  // raw wait status
   bool exited = false;
-  int exit_code = -1;     // when exited
-  int signal = 0;         // when killed by a signal
-  std::string out, err;   // captured standard output and error
+  int exit_code = -1;    // when exited
+  int signal = 0;        // when killed by a signal
+  std::string out, err;  // captured standard output and error
 };
 
 // Forks; the child runs fn with stdout and stderr captured, then _exit(0)

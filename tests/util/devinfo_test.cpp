@@ -18,9 +18,7 @@ namespace {
 using kelo::test::run_child;
 using kelo::test::Sandbox;
 
-const std::string kHeader =
-    "Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n"
-    " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n";
+const std::string kHeader = kelo::test::kWirelessHeader;
 const std::string kWlan0 = kHeader + " wlan0: 0000   70.  -40.  -256  0 0 0 0 0 0\n";
 
 TEST(DevInfo, RecordFromOsReleaseAndWirelessList) {

@@ -23,9 +23,7 @@ namespace {
 using kelo::test::run_child;
 using kelo::test::Sandbox;
 
-const std::string kHeader =
-    "Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n"
-    " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n";
+const std::string kHeader = kelo::test::kWirelessHeader;
 
 size_t count(const std::string &text, const std::string &line) {
   size_t n = 0;
