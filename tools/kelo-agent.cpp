@@ -333,6 +333,10 @@ bool start_listening() {
     close(fd);
     return false;
   }
+  // Port 0 takes a free port; a restart listens on the same one again.
+  socklen_t alen = sizeof a;
+  if (A.port == 0 && getsockname(fd, reinterpret_cast<sockaddr *>(&a), &alen) == 0)
+    A.port = ntohs(a.sin_port);
   A.lfd = fd;
   ev_io_init(&A.listen_io, on_accept, fd, EV_READ);
   ev_io_start(A.loop, &A.listen_io);
@@ -681,6 +685,7 @@ bool read_file(const char *path, std::string &into) {
 
 void usage(FILE *to) {
   fputs("usage: kelo-agent [--listen ADDR] [--port N] [--script FILE] [--timeout MS] [--pretty]\n", to);
+  fputs("  --port N   the port to listen on (default 54320; 0: any free port)\n", to);
   fputs(
       "  --pretty   print messages indented over several lines (expect still\n"
       "             matches their one-line form)\n",
@@ -707,7 +712,7 @@ int main(int argc, char **argv) {
         A.listen_addr = optarg;
         break;
       case 'p':
-        if (!parse_ms(optarg, v) || v < 1 || v > 65535) {
+        if (!parse_ms(optarg, v) || v > 65535) {
           fprintf(stderr, "kelo-agent: bad port %s\n", optarg);
           return 2;
         }

@@ -44,3 +44,12 @@ kelo_program_test(demo_service_missing_font 2 "cannot read the font /nonexistent
 kelo_program_test(demo_service_help 0 "Required Options:\n  -n,--name=ARG.*-f,--font=ARG" ${svc} --help)
 kelo_program_test(demo_service_no_name 127 "'--name' is required" ${svc})
 set_tests_properties(demo_service_bad_interval demo_service_missing_font PROPERTIES RESOURCE_LOCK agent-port)
+
+# Line editing and history at a terminal, when the agent has libedit; script(1)
+# (util-linux) gives it a pty.
+find_program(KELO_SCRIPT_PROGRAM script)
+if(KELO_SCRIPT_PROGRAM AND NOT CMAKE_CROSSCOMPILING AND KELO_EDIT_LIBRARY)
+  add_test(NAME agent_terminal_history
+    COMMAND ${CMAKE_CURRENT_LIST_DIR}/agent_terminal.sh $<TARGET_FILE:kelo-agent> ${CMAKE_CURRENT_BINARY_DIR})
+  set_tests_properties(agent_terminal_history PROPERTIES TIMEOUT 30 LABELS "examples")
+endif()
