@@ -83,9 +83,10 @@ std::string fmt(const char *f, ...) {
 bool pretty = false;  // --pretty: messages printed indented, over several lines
 
 std::string to_text(json_object *o) { return json_object_to_json_string_ext(o, JSON_C_TO_STRING_PLAIN); }
-// A message as the transcript shows it; expectations match the plain text.
+// A message as the transcript shows it after "<-" or "->"; expectations match
+// the plain text.
 std::string shown(json_object *o) {
-  if (!pretty) return to_text(o);
+  if (!pretty) return " " + to_text(o);
   return std::string("\n") +
          json_object_to_json_string_ext(o, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED);
 }
@@ -212,7 +213,7 @@ void conn_send(Conn *c, const std::string &text) {
 }
 
 void send_json(Conn *c, json_object *o) {
-  out(fmt("#%d -> %s", c->id, shown(o).c_str()));
+  out(fmt("#%d ->%s", c->id, shown(o).c_str()));
   c->pending_out += to_text(o);
   conn_flush(c);
 }
@@ -223,7 +224,7 @@ bool is_protocol(const char *method) {
 }
 
 void handle_message(Conn *c, json_object *msg) {
-  event(fmt("#%d <- %s", c->id, to_text(msg).c_str()), fmt("#%d <- %s", c->id, shown(msg).c_str()));
+  event(fmt("#%d <- %s", c->id, to_text(msg).c_str()), fmt("#%d <-%s", c->id, shown(msg).c_str()));
   json_object *m = nullptr, *id = nullptr, *key = nullptr;
   json_object_object_get_ex(msg, "id", &id);
   if (!json_object_object_get_ex(msg, "method", &m) || !json_object_is_type(m, json_type_string)) {
