@@ -53,3 +53,12 @@ if(KELO_SCRIPT_PROGRAM AND NOT CMAKE_CROSSCOMPILING AND KELO_EDIT_LIBRARY)
     COMMAND ${CMAKE_CURRENT_LIST_DIR}/agent_terminal.sh $<TARGET_FILE:kelo-agent> ${CMAKE_CURRENT_BINARY_DIR})
   set_tests_properties(agent_terminal_history PROPERTIES TIMEOUT 30 LABELS "examples")
 endif()
+
+# --pretty, and the whole `make demo` session (agent, service, OSD stamp, logging).
+if(NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME agent_pretty COMMAND ${CMAKE_CURRENT_LIST_DIR}/agent_pretty.sh
+    $<TARGET_FILE:kelo-agent> $<TARGET_FILE:demo_service> ${CMAKE_CURRENT_BINARY_DIR})
+  add_test(NAME demo_script COMMAND ${PROJECT_SOURCE_DIR}/scripts/demo ${PROJECT_BINARY_DIR})
+  set_tests_properties(agent_pretty demo_script PROPERTIES TIMEOUT 120 LABELS "examples"
+    RESOURCE_LOCK agent-port ENVIRONMENT "ASAN_OPTIONS=detect_leaks=0")
+endif()
