@@ -1,5 +1,6 @@
-# Short commands for people; CMake presets do the work.
-#   make demo        install what is missing, build, run the demo
+# Short commands for people; CMake presets do the work. Each target installs
+# only the dependency group it needs (scripts/install-deps GROUP).
+#   make demo        install what is missing, build the library, tools and examples, run the demo
 #   make test        install what is missing, build and run the tests (host)
 #   make test-asan   the tests under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-tsan   the threaded tests under ThreadSanitizer
@@ -10,6 +11,7 @@
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 20
 DEPS = scripts/install-deps
+MAKEFLAGS += --no-print-directory
 
 .PHONY: all deps demo test test-asan test-tsan test-armhf bench fuzz release clean
 
@@ -23,34 +25,41 @@ define build
 	cmake --build --preset $(1) -j $(JOBS)
 endef
 
-release: deps
+release:
+	@$(DEPS) test
 	$(call build,release)
 
-demo: deps
-	$(call build,release)
-	@scripts/demo build/release
+demo:
+	@$(DEPS) demo
+	@KELO_JOBS=$(JOBS) scripts/demo --build
 
-test: deps
+test:
+	@$(DEPS) test
 	$(call build,dev)
 	ctest --preset dev -j $(JOBS)
 
-test-asan: deps
+test-asan:
+	@$(DEPS) test
 	$(call build,asan)
 	ctest --preset asan -j $(JOBS)
 
-test-tsan: deps
+test-tsan:
+	@$(DEPS) test
 	$(call build,tsan)
 	ctest --preset tsan -j $(JOBS)
 
-test-armhf: deps
+test-armhf:
+	@$(DEPS) test armhf
 	$(call build,armhf)
 	ctest --preset armhf -j $(JOBS)
 
-bench: deps
+bench:
+	@$(DEPS) bench
 	$(call build,bench)
 	@scripts/run-benchmarks build/bench
 
-fuzz: deps
+fuzz:
+	@$(DEPS) fuzz
 	$(call build,fuzz)
 	@scripts/run-fuzzers build/fuzz $(FUZZ_SECONDS)
 

@@ -4,8 +4,10 @@
 // line, keeps each connection's registered methods, calls them on request,
 // answers the services' own calls, and runs commands from a person at a
 // terminal or from a script (wait/expect make scripted sessions checkable).
+// At a terminal the command line has editing and history (libedit), kept in
+// ~/.kelo-agent_history.
 //
-//   kelo-agent [--listen ADDR] [--port N] [--script FILE] [--timeout MS]
+//   kelo-agent [--listen ADDR] [--port N] [--script FILE] [--timeout MS] [--pretty]
 //
 // Commands (one per line; "help" lists them). Exit status: 0, or 1 when an
 // expectation failed or a command was rejected, 2 when it cannot listen.
@@ -27,6 +29,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#ifdef KELO_HAVE_EDITLINE
+#include <editline/readline.h>
+#endif
+
 #include <deque>
 #include <fstream>
 #include <map>
@@ -44,13 +50,22 @@ std::string stamp() {
   struct tm tm;
   localtime_r(&tv.tv_sec, &tm);
   char buf[32];
-  snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<long>(tv.tv_usec / 1000));
+  snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", tm.tm_hour, tm.tm_min, tm.tm_sec,
+           static_cast<long>(tv.tv_usec / 1000));
   return buf;
 }
 
+bool editing = false;  // libedit owns the terminal's input line
+
 void out(const std::string &text) {
+#ifdef KELO_HAVE_EDITLINE
+  if (editing) fputs("\r\033[K", stdout);  // the prompt and the half-typed line go, and come back below
+#endif
   printf("%s %s\n", stamp().c_str(), text.c_str());
   fflush(stdout);
+#ifdef KELO_HAVE_EDITLINE
+  if (editing) rl_forced_update_display();
+#endif
 }
 
 std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
@@ -65,7 +80,16 @@ std::string fmt(const char *f, ...) {
   return r;
 }
 
+bool pretty = false;  // --pretty: messages printed indented, over several lines
+
 std::string to_text(json_object *o) { return json_object_to_json_string_ext(o, JSON_C_TO_STRING_PLAIN); }
+// A message as the transcript shows it after "<-" or "->"; expectations match
+// the plain text.
+std::string shown(json_object *o) {
+  if (!pretty) return " " + to_text(o);
+  return std::string("\n") +
+         json_object_to_json_string_ext(o, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED);
+}
 
 // Parses a whole JSON text; NULL (and why) when it is not exactly one value.
 json_object *parse_json(const std::string &text, std::string &why) {
@@ -99,8 +123,9 @@ struct Conn {
 enum class Wait { None, Sleep, Expect, Relisten };
 
 struct ReplyRule {
-  enum Kind { Result, None } kind = Result;
-  std::string result;  // JSON text of "result"
+  enum Kind { Answer, None } kind = Answer;
+  std::string member;  // "result" or "error"
+  std::string value;   // its JSON text
 };
 
 struct Agent {
@@ -139,9 +164,9 @@ void schedule_pump() {
   if (!ev_is_active(&A.pump_idle)) ev_idle_start(A.loop, &A.pump_idle);
 }
 
-// Records a line that expectations may match, and prints it.
-void event(const std::string &text) {
-  out(text);
+// Records a line that expectations may match, and prints it (or display).
+void event(const std::string &text, const std::string &display = std::string()) {
+  out(display.empty() ? text : display);
   A.events.push_back(text);
   if (A.waiting == Wait::Expect) schedule_pump();  // checked outside the caller's callback
 }
@@ -187,7 +212,11 @@ void conn_send(Conn *c, const std::string &text) {
   conn_flush(c);
 }
 
-void send_json(Conn *c, json_object *o) { conn_send(c, to_text(o)); }
+void send_json(Conn *c, json_object *o) {
+  out(fmt("#%d ->%s", c->id, shown(o).c_str()));
+  c->pending_out += to_text(o);
+  conn_flush(c);
+}
 
 bool is_protocol(const char *method) {
   return strcmp(method, "register") == 0 || strcmp(method, "unregister") == 0 ||
@@ -195,7 +224,7 @@ bool is_protocol(const char *method) {
 }
 
 void handle_message(Conn *c, json_object *msg) {
-  event(fmt("#%d <- %s", c->id, to_text(msg).c_str()));
+  event(fmt("#%d <- %s", c->id, to_text(msg).c_str()), fmt("#%d <-%s", c->id, shown(msg).c_str()));
   json_object *m = nullptr, *id = nullptr, *key = nullptr;
   json_object_object_get_ex(msg, "id", &id);
   if (!json_object_object_get_ex(msg, "method", &m) || !json_object_is_type(m, json_type_string)) {
@@ -225,15 +254,14 @@ void handle_message(Conn *c, json_object *msg) {
 
   json_object *reply = json_object_new_object();
   json_object_object_add(reply, "id", json_object_get(id));
-  json_object *result = nullptr;
   if (rule != A.replies.end()) {
     std::string why;
-    result = parse_json(rule->second.result, why);
+    json_object_object_add(reply, rule->second.member.c_str(), parse_json(rule->second.value, why));
   } else {
-    result = json_object_new_array();
+    json_object *result = json_object_new_array();
     json_object_array_add(result, json_object_new_string("OK"));
+    json_object_object_add(reply, "result", result);
   }
-  json_object_object_add(reply, "result", result);
   send_json(c, reply);
   json_object_put(reply);
 }
@@ -306,6 +334,10 @@ bool start_listening() {
     close(fd);
     return false;
   }
+  // Port 0 takes a free port; a restart listens on the same one again.
+  socklen_t alen = sizeof a;
+  if (A.port == 0 && getsockname(fd, reinterpret_cast<sockaddr *>(&a), &alen) == 0)
+    A.port = ntohs(a.sin_port);
   A.lfd = fd;
   ev_io_init(&A.listen_io, on_accept, fd, EV_READ);
   ev_io_start(A.loop, &A.listen_io);
@@ -329,7 +361,9 @@ const char kHelp[] =
     "                                (or to connection N); params default to {}\n"
     "  notify [#N] METHOD [JSON]     the same without an id (no reply expected)\n"
     "  send [#N] TEXT                raw text to connection N (default: the newest)\n"
-    "  reply METHOD JSON|none|default  how the services' calls of METHOD are answered\n"
+    "  reply METHOD JSON|none|default  how the services' calls of METHOD are answered:\n"
+    "                                JSON is the \"result\"; {\"error\":{\"code\":-5}} or\n"
+    "                                {\"result\":...} alone give that member as it is\n"
     "                                (default: {\"result\":[\"OK\"]})\n"
     "  wait MS                       pause the commands for MS milliseconds\n"
     "  expect TEXT                   wait for a received line containing TEXT\n"
@@ -397,7 +431,8 @@ void cmd_call(std::string args, bool with_id) {
   if (!take_target(args, c)) return;
   std::string method, params_text;
   split(args, method, params_text);
-  if (method.empty()) return reject(with_id ? "usage: call [#N] METHOD [JSON]" : "usage: notify [#N] METHOD [JSON]");
+  if (method.empty())
+    return reject(with_id ? "usage: call [#N] METHOD [JSON]" : "usage: notify [#N] METHOD [JSON]");
   if (c == nullptr) c = owner_of(method);
   if (c == nullptr) return reject(fmt("no connected service has registered %s", method.c_str()));
   json_object *params = nullptr;
@@ -406,7 +441,8 @@ void cmd_call(std::string args, bool with_id) {
   } else {
     std::string why;
     params = parse_json(params_text, why);
-    if (params == nullptr) return reject(fmt("params are not JSON (%s): %s", why.c_str(), params_text.c_str()));
+    if (params == nullptr)
+      return reject(fmt("params are not JSON (%s): %s", why.c_str(), params_text.c_str()));
   }
   json_object *msg = json_object_new_object();
   json_object_object_add(msg, "method", json_object_new_string(method.c_str()));
@@ -436,12 +472,20 @@ void cmd_reply(const std::string &args) {
   if (what == "default") {
     A.replies.erase(method);
   } else if (what == "none") {
-    A.replies[method] = {ReplyRule::None, ""};
+    A.replies[method] = {ReplyRule::None, "", ""};
   } else {
     std::string why;
     json_object *o = parse_json(what, why);
     if (o == nullptr) return reject(fmt("reply is not JSON (%s): %s", why.c_str(), what.c_str()));
-    A.replies[method] = {ReplyRule::Result, to_text(o)};
+    // An object of one member "error" or "result" is that member of the reply.
+    ReplyRule rule{ReplyRule::Answer, "result", to_text(o)};
+    if (json_object_is_type(o, json_type_object) && json_object_object_length(o) == 1) {
+      json_object_object_foreach(o, key, val) {
+        if (strcmp(key, "error") == 0 || strcmp(key, "result") == 0)
+          rule = {ReplyRule::Answer, key, val != nullptr ? to_text(val) : "null"};
+      }
+    }
+    A.replies[method] = rule;
     json_object_put(o);
   }
   out(fmt("replies to %s: %s", method.c_str(), what.c_str()));
@@ -584,6 +628,48 @@ void on_stdin(struct ev_loop *loop, ev_io *w, int) {
   schedule_pump();
 }
 
+#ifdef KELO_HAVE_EDITLINE
+// A person at a terminal: libedit reads the line (editing, history) and hands
+// each finished one over; other output is printed above the prompt.
+std::string history_path;
+
+void on_line(char *line) {
+  if (line == nullptr) {  // Ctrl-D
+    ev_io_stop(A.loop, &A.stdin_io);
+    A.input_done = true;
+  } else {
+    if (line[0] != '\0') add_history(line);
+    A.commands.push_back(line);
+    free(line);
+  }
+  schedule_pump();
+}
+
+void on_tty(struct ev_loop *, ev_io *, int) { rl_callback_read_char(); }
+
+void start_editing() {
+  const char *home = getenv("HOME");
+  if (home != nullptr && home[0] != '\0') history_path = std::string(home) + "/.kelo-agent_history";
+  if (!history_path.empty()) read_history(history_path.c_str());
+  stifle_history(1000);
+  rl_callback_handler_install("agent> ", on_line);
+  editing = true;
+  ev_io_init(&A.stdin_io, on_tty, 0, EV_READ);
+  ev_io_start(A.loop, &A.stdin_io);
+}
+
+void stop_editing() {
+  if (!editing) return;
+  editing = false;
+  rl_callback_handler_remove();
+  fputs("\r\033[K", stdout);
+  fflush(stdout);
+  if (!history_path.empty()) write_history(history_path.c_str());
+}
+#else
+void stop_editing() {}  // built without libedit: plain line input
+#endif
+
 void on_signal(struct ev_loop *, ev_signal *w, int) {
   out(fmt("agent: signal %d, quitting", w->signum));
   quit();
@@ -599,31 +685,43 @@ bool read_file(const char *path, std::string &into) {
 }
 
 void usage(FILE *to) {
-  fputs("usage: kelo-agent [--listen ADDR] [--port N] [--script FILE] [--timeout MS]\n", to);
+  fputs("usage: kelo-agent [--listen ADDR] [--port N] [--script FILE] [--timeout MS] [--pretty]\n", to);
+  fputs("  --port N   the port to listen on (default 54320; 0: any free port)\n", to);
+  fputs(
+      "  --pretty   print messages indented over several lines (expect still\n"
+      "             matches their one-line form)\n",
+      to);
   fputs(kHelp, to);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  static const struct option longopts[] = {
-      {"listen", required_argument, nullptr, 'l'}, {"port", required_argument, nullptr, 'p'},
-      {"script", required_argument, nullptr, 's'}, {"timeout", required_argument, nullptr, 't'},
-      {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
+  static const struct option longopts[] = {{"listen", required_argument, nullptr, 'l'},
+                                           {"port", required_argument, nullptr, 'p'},
+                                           {"script", required_argument, nullptr, 's'},
+                                           {"timeout", required_argument, nullptr, 't'},
+                                           {"pretty", no_argument, nullptr, 'P'},
+                                           {"help", no_argument, nullptr, 'h'},
+                                           {nullptr, 0, nullptr, 0}};
   const char *script = nullptr;
   int c;
   long v = 0;
   while ((c = getopt_long(argc, argv, "l:p:s:t:h", longopts, nullptr)) != -1) {
     switch (c) {
-      case 'l': A.listen_addr = optarg; break;
+      case 'l':
+        A.listen_addr = optarg;
+        break;
       case 'p':
-        if (!parse_ms(optarg, v) || v < 1 || v > 65535) {
+        if (!parse_ms(optarg, v) || v > 65535) {
           fprintf(stderr, "kelo-agent: bad port %s\n", optarg);
           return 2;
         }
         A.port = static_cast<int>(v);
         break;
-      case 's': script = optarg; break;
+      case 's':
+        script = optarg;
+        break;
       case 't':
         if (!parse_ms(optarg, v)) {
           fprintf(stderr, "kelo-agent: bad timeout %s\n", optarg);
@@ -631,8 +729,15 @@ int main(int argc, char **argv) {
         }
         A.expect_timeout = static_cast<double>(v) / 1000.0;
         break;
-      case 'h': usage(stdout); return 0;
-      default: usage(stderr); return 2;
+      case 'P':
+        pretty = true;
+        break;
+      case 'h':
+        usage(stdout);
+        return 0;
+      default:
+        usage(stderr);
+        return 2;
     }
   }
   signal(SIGPIPE, SIG_IGN);
@@ -663,12 +768,18 @@ int main(int argc, char **argv) {
     A.input_done = true;
     A.echo = true;
   } else {
-    A.echo = !isatty(0);
-    ev_io_init(&A.stdin_io, on_stdin, 0, EV_READ);
-    ev_io_start(A.loop, &A.stdin_io);
+#ifdef KELO_HAVE_EDITLINE
+    if (isatty(0) && isatty(1)) start_editing();
+#endif
+    if (!editing) {
+      A.echo = !isatty(0);
+      ev_io_init(&A.stdin_io, on_stdin, 0, EV_READ);
+      ev_io_start(A.loop, &A.stdin_io);
+    }
   }
   schedule_pump();
   ev_run(A.loop, 0);
+  stop_editing();
 
   if (A.failed != 0 || A.rejected != 0)
     out(fmt("agent: %d expectation(s) failed, %d command(s) rejected", A.failed, A.rejected));

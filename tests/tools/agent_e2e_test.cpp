@@ -13,6 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "kelo/encoding.h"
+#include "kelo/md5.h"
+#include "kelo/osd.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -76,6 +79,21 @@ struct Proc {
   }
 };
 
+// MD5 (hex) of the NV12 stamp the library draws from the sandbox's font.
+std::string stamp_md5(const char *text) {
+  int w = 0, h = 0;
+  unsigned char *yuv = Ascii2yuv(text, &w, &h, 16, 1);
+  unsigned char digest[16];
+  char hex[33] = "";
+  MD5_CTX ctx;
+  MD5Init(&ctx);
+  MD5Update(&ctx, yuv, yuv != nullptr ? static_cast<unsigned>(w * h * 3 / 2) : 0);
+  MD5Final(&ctx, digest);
+  hex_stringify(digest, sizeof digest, hex, sizeof hex);
+  free(yuv);
+  return hex;
+}
+
 void expect_all(const std::string &t, std::initializer_list<const char *> wanted) {
   for (const char *w : wanted) EXPECT_NE(t.find(w), std::string::npos) << w << "\n" << t;
 }
@@ -89,6 +107,8 @@ TEST(AgentE2E, ScriptedSessionWithTheDemoService) {
     Proc({kService, "--name", "prime", "--interval", "1"}, sb.path("prime.out"), false,
          {"KELO_LOG_FILE=/dev/null"})
         .wait(10);
+  // The stamp the service draws with --font must be the library's own.
+  const std::string osd_md5 = stamp_md5("2018:01:05 15:24:59");
   sb.write_file("session",
                 "timeout 8000\n"
                 "reply agent.ping {\"pong\":true}\n"
@@ -102,23 +122,28 @@ TEST(AgentE2E, ScriptedSessionWithTheDemoService) {
                 "call demo.time\n"
                 "expect \"utc\":\n"
                 "expect \"_async.stat\"\n"
+                "reply agent.ping {\"error\":{\"code\":-5}}\n"
                 "restart 1200\n"
                 "expect connected from\n"
                 "expect \"key\":\"demo.time\"\n"
                 "call demo.echo [2]\n"
                 "expect \"result\":[2]\n"
-                "quit\n");
+                "call demo.osd {\"text\":\"2018:01:05 15:24:59\"}\n"
+                "expect \"md5\":\"" +
+                    osd_md5 + "\"\nquit\n");
   Proc agent({kAgent, "--script", sb.path("session")}, sb.path("agent.out"), false);
   ASSERT_TRUE(agent.wait_output("agent listening on 127.0.0.1:54320", 5)) << agent.output();
   // Logging's file and stream handlers are never freed (they may still be
   // referenced), so a leak check at exit would only report that one.
-  Proc service({kService, "--name", "e2e", "--interval", "1", "-v"}, sb.path("service.out"), false,
+  Proc service({kService, "--name", "e2e", "--interval", "1", "--font", KELO_TEST_FONT, "-v"},
+               sb.path("service.out"), false,
                {"KELO_LOG_FILE=-", "KELO_LOG_LEVEL=debug", "ASAN_OPTIONS=detect_leaks=0"});
   EXPECT_EQ(agent.wait(40), 0) << agent.output();
   std::string t = agent.output();
   expect_all(t, {"#1 127.0.0.1:", "methods: demo.echo demo.time", "#1 <- {\"id\":1,\"result\":{\"x\":1}}",
                  "\"params\":{\"model\":", "\"name\":\"e2e\"", "-> {\"id\":", "\"result\":{\"pong\":true}",
-                 "#2 connected from", "#2 <- {\"id\":3,\"result\":[2]}"});
+                 "#2 connected from", "#2 <- {\"id\":3,\"result\":[2]}", "\"width\":140,\"height\":16",
+                 ",\"error\":{\"code\":-5}}"});
   // Announced once per connection.
   size_t announced = 0;
   for (size_t p = 0; (p = t.find("\"params\":{},\"key\":\"demo.echo\"}", p)) != std::string::npos; ++p)
@@ -129,7 +154,8 @@ TEST(AgentE2E, ScriptedSessionWithTheDemoService) {
   // SIGTERM reaches app_break: the loop returns and the service exits 0.
   kill(service.pid, SIGTERM);
   EXPECT_EQ(service.wait(10), 0);
-  expect_all(service.output(), {"agent.ping replied: {\"id\":", "demo_service stopping"});
+  expect_all(service.output(),
+             {"agent.ping replied: {\"id\":", ",\"error\":{\"code\":-5}}", "demo_service stopping"});
 }
 
 TEST(AgentE2E, MalformedCommandsAreRejectedAndTheSessionGoesOn) {

@@ -1,0 +1,64 @@
+# The examples and the tools run as programs, each checked by its exit status
+# and output (run_program.cmake). Included from tests/CMakeLists.txt.
+set(KELO_EMU ${CMAKE_CROSSCOMPILING_EMULATOR})
+
+# kelo_program_test(NAME STATUS MATCH PROGRAM [ARG ...]): MATCH may be "".
+function(kelo_program_test name status match)
+  list(JOIN ARGN "^^" cmd)
+  if(KELO_EMU)
+    list(JOIN KELO_EMU "^^" emu)
+    set(cmd "${emu}^^${cmd}")
+  endif()
+  set(run ${CMAKE_COMMAND} "-DCMD=${cmd}" -DSTATUS=${status})
+  if(NOT match STREQUAL "")
+    list(APPEND run "-DMATCH=${match}")
+  endif()
+  list(APPEND run -P ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/run_program.cmake)
+  add_test(NAME ${name} COMMAND ${run})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 60 LABELS "examples"
+    ENVIRONMENT "ASAN_OPTIONS=detect_leaks=0;KELO_LOG_FILE=-")
+endfunction()
+
+# Each example prints what it did; the values are the references (RFC 1321
+# for MD5, RFC 4648 for base64), not whatever the code happens to print.
+kelo_program_test(example_av_packets 0
+  "command 0x101, 9 payload bytes \"channel=1\".*command 0x102, 0 payload.*acknowledgement of 0x101: 0.*acknowledgement of 0x102: 0.*left over: 0 bytes at the service, 0 at the client"
+  $<TARGET_FILE:av_packets>)
+kelo_program_test(example_encodings 0
+  "hex: 286c07a100ff.*base64: Zm9vYmFy, back: foobar.*ssid \"Home Net\", key \"a\\+b\\+c\", pin absent.*md5\\(\"abc\"\\): 900150983cd24fb0d6963f7d28e17f72"
+  $<TARGET_FILE:encodings>)
+kelo_program_test(example_files 0 "settings: {\"fps\":15}\n.*pid file: 4242\n.*usage of state/: 2 KiB"
+  $<TARGET_FILE:files>)
+kelo_program_test(example_timers 0 "tick 5 after.*5 ticks, the timer is disarmed" $<TARGET_FILE:timers>)
+kelo_program_test(example_log_demo 0 "\\[  crit\\] storage /mnt/sdcard is read-only" $<TARGET_FILE:log_demo>)
+
+# The demo service refuses a bad command line before it starts anything, with
+# a reason and status 2; --help and a missing --name are the library's (0, 127).
+# Those that get past app_init would connect to the agent's fixed port.
+set(svc $<TARGET_FILE:demo_service>)
+kelo_program_test(demo_service_unknown_option 2 "unrecognized option '--bogus'.*bad command line" ${svc} --name x --bogus)
+kelo_program_test(demo_service_missing_argument 2 "option '--name' requires an argument.*bad command line" ${svc} --name)
+kelo_program_test(demo_service_stray_argument 2 "unexpected argument \"extra\"" ${svc} --name x extra)
+kelo_program_test(demo_service_bad_interval 2 "--interval takes whole seconds" ${svc} -n x -i 5s)
+kelo_program_test(demo_service_missing_font 2 "cannot read the font /nonexistent/f.ttf" ${svc} -n x -f /nonexistent/f.ttf)
+kelo_program_test(demo_service_help 0 "Required Options:\n  -n,--name=ARG.*-f,--font=ARG" ${svc} --help)
+kelo_program_test(demo_service_no_name 127 "'--name' is required" ${svc})
+set_tests_properties(demo_service_bad_interval demo_service_missing_font PROPERTIES RESOURCE_LOCK agent-port)
+
+# Line editing and history at a terminal, when the agent has libedit; script(1)
+# (util-linux) gives it a pty.
+find_program(KELO_SCRIPT_PROGRAM script)
+if(KELO_SCRIPT_PROGRAM AND NOT CMAKE_CROSSCOMPILING AND KELO_EDIT_LIBRARY)
+  add_test(NAME agent_terminal_history
+    COMMAND ${CMAKE_CURRENT_LIST_DIR}/agent_terminal.sh $<TARGET_FILE:kelo-agent> ${CMAKE_CURRENT_BINARY_DIR})
+  set_tests_properties(agent_terminal_history PROPERTIES TIMEOUT 30 LABELS "examples")
+endif()
+
+# --pretty, and the whole `make demo` session (agent, service, OSD stamp, logging).
+if(NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME agent_pretty COMMAND ${CMAKE_CURRENT_LIST_DIR}/agent_pretty.sh
+    $<TARGET_FILE:kelo-agent> $<TARGET_FILE:demo_service> ${CMAKE_CURRENT_BINARY_DIR})
+  add_test(NAME demo_script COMMAND ${PROJECT_SOURCE_DIR}/scripts/demo ${PROJECT_BINARY_DIR})
+  set_tests_properties(agent_pretty demo_script PROPERTIES TIMEOUT 120 LABELS "examples"
+    RESOURCE_LOCK agent-port ENVIRONMENT "ASAN_OPTIONS=detect_leaks=0")
+endif()
