@@ -87,7 +87,8 @@ int main(int argc, char **argv) {
   ev_timer t;
   ev_timer_init(&t, stop, 0.05, 0);
   ev_timer_start(EV_DEFAULT, &t);
-  return app_run();
+  app_run();
+  return 0;
 }
 ]=])
 set(want "camd {\"cam\":\"cam0\"} 0 1\n")
