@@ -1,5 +1,6 @@
 # install(): the shared object with its soname links, the headers, a
-# pkg-config file and a CMake package (find_package(kelo_util)).
+# pkg-config file, a CMake package (find_package(kelo_util)), the armhf
+# toolchain file and the manual pages; tools/ installs the tools.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kelo_util EXPORT kelo_util_targets
