@@ -7,13 +7,14 @@
 #   make test-armhf  cross build for the camera, tests under qemu-arm-static
 #   make bench       the benchmarks (optimised build)
 #   make fuzz        build the fuzz targets and run each briefly (FUZZ_SECONDS)
+#   make deb         Debian packages for amd64 and armhf under build/deb/<arch>/
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 20
 DEPS = scripts/install-deps
 MAKEFLAGS += --no-print-directory
 
-.PHONY: all deps demo test test-asan test-tsan test-armhf bench fuzz release clean
+.PHONY: all deps demo test test-asan test-tsan test-armhf bench fuzz release deb clean
 
 all: release
 
@@ -62,6 +63,26 @@ fuzz:
 	@$(DEPS) fuzz
 	$(call build,fuzz)
 	@scripts/run-fuzzers build/fuzz $(FUZZ_SECONDS)
+
+# Each architecture builds from its own copy of the tree, so the packages
+# land in build/deb/<arch>/ and the two builds never share an obj- directory.
+# The native build runs the tests; the cross build cannot (nocheck).
+DEB_ARCHES ?= amd64 armhf
+DEB_NATIVE := $(shell dpkg --print-architecture 2>/dev/null)
+deb:
+	@scripts/install-deps --packaging
+	@set -e; for arch in $(DEB_ARCHES); do \
+	  dir=build/deb/$$arch; rm -rf $$dir; mkdir -p $$dir/kelo-util; \
+	  tar --exclude=./build --exclude=./.git --exclude='./obj-*' -cf - . | tar -xf - -C $$dir/kelo-util; \
+	  if [ "$$arch" = "$(DEB_NATIVE)" ]; then \
+	    (cd $$dir/kelo-util && dpkg-buildpackage -us -uc -b -j$(JOBS)); \
+	  else \
+	    (cd $$dir/kelo-util && DEB_BUILD_OPTIONS=nocheck dpkg-buildpackage -us -uc -b -j$(JOBS) \
+	       -a$$arch -Pcross,nocheck); \
+	  fi; \
+	  lintian --fail-on error $$dir/*.changes; \
+	  rm -rf $$dir/kelo-util; ls -l $$dir/*.deb; \
+	done
 
 clean:
 	rm -rf build

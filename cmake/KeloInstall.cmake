@@ -1,5 +1,6 @@
 # install(): the shared object with its soname links, the headers, a
-# pkg-config file and a CMake package (find_package(kelo_util)).
+# pkg-config file, a CMake package (find_package(kelo_util)), the armhf
+# toolchain file and the manual pages; tools/ installs the tools.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kelo_util EXPORT kelo_util_targets
@@ -31,3 +32,32 @@ else()
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/kelo_util.pc.in ${PROJECT_BINARY_DIR}/kelo_util.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kelo_util.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The armhf toolchain file, for services cross-built against an install.
+install(FILES ${PROJECT_SOURCE_DIR}/cmake/toolchains/armhf.cmake
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/kelo_util/toolchains)
+
+# Strips an installed binary (KELO_STRIP_INSTALL, the release preset); its
+# debug info goes to .debug/<name>.debug beside it, where gdb looks through
+# the debug link.
+function(kelo_install_strip target destination)
+  if(NOT KELO_STRIP_INSTALL)
+    return()
+  endif()
+  set(name "$<TARGET_FILE_NAME:${target}>")
+  install(CODE "
+    set(dir \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${destination}\")
+    if(IS_ABSOLUTE \"${destination}\")
+      set(dir \"\$ENV{DESTDIR}${destination}\")
+    endif()
+    file(MAKE_DIRECTORY \"\${dir}/.debug\")
+    execute_process(COMMAND \"${CMAKE_OBJCOPY}\" --only-keep-debug \"\${dir}/${name}\" \"\${dir}/.debug/${name}.debug\"
+                    COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-unneeded \"\${dir}/${name}\" COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND \"${CMAKE_OBJCOPY}\" \"--add-gnu-debuglink=\${dir}/.debug/${name}.debug\" \"\${dir}/${name}\"
+                    COMMAND_ERROR_IS_FATAL ANY)
+    message(STATUS \"Stripped: \${dir}/${name} (debug info in .debug/)\")")
+endfunction()
+kelo_install_strip(kelo_util ${CMAKE_INSTALL_LIBDIR})
+
+include(${PROJECT_SOURCE_DIR}/cmake/KeloMan.cmake)

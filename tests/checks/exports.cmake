@@ -1,6 +1,9 @@
 # The shared object as services see it: what it needs (NEEDED), its soname,
-# and what it exports. Only the C interface of include/kelo/*.h may be
-# visible; a C++ name or an internal helper there is a leak.
+# and what it exports. Four lists must agree name for name: what the headers
+# declare KELO_EXPORT, what the object exports, the version script
+# (cmake/kelo_util.map) and debian/libkelo-util0.symbols. A C++ name or an
+# internal helper in the object is a leak; a declared name missing from the
+# object cannot be linked; a lagging symbols file breaks the package.
 #   cmake -DLIB=... -DSOURCE_DIR=... -DREADELF=... -DNM=... -DC_COMPILER=... -DC_FLAGS=... -P exports.cmake
 cmake_minimum_required(VERSION 3.25)
 
@@ -65,7 +68,7 @@ foreach(h IN LISTS headers)
   if(NOT rc EQUAL 0)
     message(FATAL_ERROR "exports: cannot preprocess ${h}: ${err}")
   endif()
-  string(REPLACE ";" " " pre "${pre}")
+  string(REPLACE ";" " @SEMI@ " pre "${pre}")  # ";" would split CMake lists
   string(REPLACE "\n" ";" pre_lines "${pre}")
   set(ours FALSE)
   foreach(l IN LISTS pre_lines)
@@ -80,13 +83,37 @@ foreach(h IN LISTS headers)
     endif()
   endforeach()
 endforeach()
-string(REGEX MATCHALL "[A-Za-z_][A-Za-z0-9_]*" idents "${public}")
-list(REMOVE_DUPLICATES idents)
+# What follows the export attribute up to "(" or ";" ends with the name.
+string(REGEX MATCHALL "visibility *\\( *\"default\" *\\) *\\) *\\)[^@(]*" decls "${public}")
+set(declared "")
+foreach(d IN LISTS decls)
+  string(REGEX MATCH "[A-Za-z_][A-Za-z0-9_]* *$" name "${d}")
+  string(STRIP "${name}" name)
+  list(APPEND declared ${name})
+endforeach()
+list(REMOVE_DUPLICATES declared)
 
-# Linker-made markers that every shared object carries.
-set(markers _init _fini __bss_start _edata _end __bss_start__ __bss_end__ _bss_end__ __end__)
+# Names of the version script's global list and of the symbols file.
+file(READ ${SOURCE_DIR}/cmake/kelo_util.map map)
+string(REGEX REPLACE "/\\*([^*]|\\*[^/])*\\*/" "" map "${map}")
+string(REGEX MATCH "global:([^:]*)local:" _ "${map}")
+string(REGEX MATCHALL "[A-Za-z_][A-Za-z0-9_]*" script "${CMAKE_MATCH_1}")
+file(STRINGS ${SOURCE_DIR}/debian/libkelo-util0.symbols symlines REGEX "^ [A-Za-z_]")
+set(symfile "")
+foreach(l IN LISTS symlines)
+  string(REGEX MATCH "^ ([A-Za-z_][A-Za-z0-9_]*)@KELO_UTIL_0 " _ "${l}")
+  if(NOT CMAKE_MATCH_1)
+    message(FATAL_ERROR "exports: symbols file line without the KELO_UTIL_0 version: '${l}'")
+  endif()
+  if(NOT CMAKE_MATCH_1 STREQUAL "KELO_UTIL_0")
+    list(APPEND symfile ${CMAKE_MATCH_1})
+  endif()
+endforeach()
+
+# Linker-made markers that every shared object carries, and the version node.
+set(markers _init _fini __bss_start _edata _end __bss_start__ __bss_end__ _bss_end__ __end__ KELO_UTIL_0)
 string(REPLACE "\n" ";" sym_lines "${syms}")
-set(count 0)
+set(exported "")
 set(bad "")
 foreach(line IN LISTS sym_lines)
   if(NOT line MATCHES "^[0-9a-fA-F]* *([A-Za-z]) ([^ @]+)")
@@ -96,21 +123,41 @@ foreach(line IN LISTS sym_lines)
   if(name IN_LIST markers)
     continue()
   endif()
-  math(EXPR count "${count} + 1")
   if(sanitizer AND name MATCHES "^__(odr_asan|asan|ubsan|tsan|sancov)")
     continue()  # instrumentation of a sanitizer build
   endif()
+  list(APPEND exported ${name})
+  if(NOT line MATCHES "@@?KELO_UTIL_0$")
+    list(APPEND bad "${name} (not versioned KELO_UTIL_0: version script not applied?)")
+  endif()
   if(name MATCHES "^_Z")
     list(APPEND bad "${name} (C++ name)")
-  elseif(NOT name IN_LIST idents)
-    list(APPEND bad "${name} (not in include/kelo)")
+  elseif(NOT name IN_LIST declared)
+    list(APPEND bad "${name} (exported, not declared KELO_EXPORT in include/kelo)")
   endif()
 endforeach()
-if(bad)
-  string(REPLACE ";" "\n  " bad "${bad}")
-  message(FATAL_ERROR "exports: symbols that must not be exported:\n  ${bad}")
-endif()
+list(LENGTH exported count)
 if(count EQUAL 0)
   message(FATAL_ERROR "exports: no symbols found in ${LIB}")
 endif()
-message(STATUS "exports: ${count} symbols, all public C names")
+
+# Every list against the declared set, both ways.
+foreach(what exported script symfile)
+  set(missing ${declared})
+  list(REMOVE_ITEM missing ${${what}})
+  set(extra ${${what}})
+  list(REMOVE_ITEM extra ${declared})
+  foreach(n IN LISTS missing)
+    list(APPEND bad "${n} (declared in include/kelo, missing from ${what})")
+  endforeach()
+  foreach(n IN LISTS extra)
+    list(APPEND bad "${n} (in ${what}, not declared in include/kelo)")
+  endforeach()
+endforeach()
+if(bad)
+  list(REMOVE_DUPLICATES bad)
+  string(REPLACE ";" "\n  " bad "${bad}")
+  message(FATAL_ERROR "exports: header declarations, exports, cmake/kelo_util.map and "
+                      "debian/libkelo-util0.symbols disagree:\n  ${bad}")
+endif()
+message(STATUS "exports: ${count} symbols; headers, object, version script and symbols file agree")
