@@ -1,3 +1,5 @@
+// Packets as built, both stream parsers on exact-size buffers, and a round
+// trip over a socket pair.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -62,25 +64,20 @@ int on_ack(uint32_t ack, const unsigned char *payload, uint32_t cmd) {
 }  // namespace
 
 TEST(AvPacket, BuiltBytes) {
-  EXPECT_EQ(cmd_packet(7, nullptr, 0), cat({kMagic, le32(20), le32(7), le32(0), kTrailer}));
   // Odd payload length: the trailer follows unaligned.
   EXPECT_EQ(cmd_packet(0xA1B2C3D4, "abc", 3),
             cat({kMagic, le32(23), le32(0xA1B2C3D4), le32(0), {'a', 'b', 'c'}, kTrailer}));
-  uint32_t n = 0;
-  EXPECT_EQ(take(construct_packet_ack(9, 0xFFFFFFFE, "xy", 2, &n), n),
-            cat({kMagic, le32(26), le32(9), le32(0), le32(0xFFFFFFFE), {'x', 'y'}, kTrailer}));
   // NULL data with a length gives a zeroed payload of that length.
-  EXPECT_EQ(take(construct_packet_ack(1, 2, nullptr, 3, &n), n),
-            cat({kMagic, le32(27), le32(1), le32(0), le32(2), {0, 0, 0}, kTrailer}));
+  uint32_t n = 0;
+  EXPECT_EQ(take(construct_packet_ack(1, 0xFFFFFFFE, nullptr, 3, &n), n),
+            cat({kMagic, le32(27), le32(1), le32(0), le32(0xFFFFFFFE), {0, 0, 0}, kTrailer}));
   // Lengths that cannot be framed leave *out_size alone.
   n = 99;
   EXPECT_EQ(construct_packet_cmd(1, "x", -1, &n), nullptr);
   EXPECT_EQ(construct_packet_ack(1, 0, "x", 0x7FFFFFF0, &n), nullptr);
   EXPECT_EQ(n, 99u);
-  EXPECT_EQ(send_av_cmd(-1, 1, nullptr, -5), -1);
   EXPECT_EQ(av_cmd_parse(1, nullptr, 100, on_cmd), 0);
   EXPECT_EQ(av_cmd_ack_parse(nullptr, 100, on_ack), 0);
-  EXPECT_EQ(av_cmd_parse(1, kMagic.data(), -5, on_cmd), 0);
 }
 
 // Buffers, the counts both parsers return for them and where the payload
@@ -103,16 +100,13 @@ TEST(AvPacket, Parsers) {
       {"empty command", cmd_packet(5, nullptr, 0), 20, 0, 16, -1},  // payload at the trailer
       {"empty acknowledgement", cat({kMagic, le32(24), le32(6), le32(0xDEAD), le32(42), kTrailer}), 24, 24,
        16, 0},
-      {"shorter than a header", Bytes(19, 0), 0, 0, -1, -1},
       {"under the acknowledgement header", Bytes(23, 0), 20, 0, -1, -1},
       {"junk before a whole packet", cat({junk7, pkt}), 32, 32, 23, 27},
       {"40 bytes without magic", Bytes(40, 'x'), 37, 37, -1, -1},
       {"magic in the last four bytes", cat({Bytes(20, 'x'), kMagic}), 21, 21, -1, -1},
       {"magic with less than a header after it", cat({Bytes(10, 'x'), kMagic, Bytes(10, 0)}), 10, 10, -1, -1},
       {"partial packet", Bytes(pkt.begin(), pkt.end() - 1), 0, 0, -1, -1},
-      {"partial packet after junk", cat({junk7, Bytes(pkt.begin(), pkt.end() - 2)}), 7, 7, -1, -1},
       {"wrong trailer", bad_trailer, 4, 4, -1, -1},
-      {"wrong trailer after junk", cat({junk7, bad_trailer}), 11, 11, -1, -1},
       {"two packets back to back", cat({pkt, pkt}), 25, 25, 16, 20},
       {"size larger than the data", sized(1000), 0, 0, -1, -1},
       // After junk the word at i + size - 4 is inside and tested like any trailer.
@@ -122,7 +116,7 @@ TEST(AvPacket, Parsers) {
   };
   // Damaged sizes: the trailer word at i + size - 4 would lie before the
   // buffer or wrap; the packet is dropped like one with a wrong trailer.
-  for (uint32_t size : {0u, 1u, 2u, 3u, 0x80000000u, 0xFFFFFFFCu, 0xFFFFFFFFu})
+  for (uint32_t size : {0u, 3u, 0x80000000u, 0xFFFFFFFFu})
     cases.push_back({"size " + std::to_string(size), sized(size), 4, 4, -1, -1});
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
@@ -155,7 +149,6 @@ TEST(AvPacket, RoundTripOverSocketpair) {
   EXPECT_EQ(av_cmd_ack_parse(buf + 25, 24, on_ack), 24);
   EXPECT_EQ(seen.cmd, 0x102u);
   EXPECT_EQ(seen.ack, 42u);
-  EXPECT_EQ(seen.calls, 2);
   close(sv[1]);
   signal(SIGPIPE, SIG_IGN);
   errno = 0;
