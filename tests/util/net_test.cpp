@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <linux/wireless.h>
 #include <netinet/in.h>
-#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -15,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "kelo/devinfo.h"
 #include "kelo/net.h"
 #include "support/sandbox.h"
 
@@ -79,48 +77,13 @@ TEST(Net, GeneralSendOne) {
   close(sv[0]);
 }
 
-// Runs fn in a child whose wireless list is `list` (read when the device
-// record is first made); without a region directory when no_region.
-kelo::test::ChildResult with_wireless(const std::string &list, void (*fn)(), bool no_region = false) {
-  Sandbox sb;
-  sb.write_file("wireless", list);
-  std::string shm = sb.path("shm");
-  return run_child([&] {
-    setenv("KELO_LOG_FILE", "-", 1);
-    if (no_region) rmdir(shm.c_str());
-    fn();
-  });
-}
-
-TEST(Net, RssiReadsTheLevelColumn) {
-  const std::pair<std::string, int> cases[] = {
-      {" wlan0: 0000   70.  -40.  -256        0      0      0      0      0        0\n", -40},
-      {" wlan0: 0000   70.  12   -256\n", 12},  // no second '.': the rest of the line
-      {" wlan0: 0000   70   -40   -256\n", 0},  // no '.': nothing read
-      {" lo: 0000   1.  -33.  -256\n", -33},
-  };
-  for (const auto &[line, want] : cases) {
-    auto r = with_wireless(kHeader + line, [] { printf("%d\n", net_rssi()); });
-    EXPECT_EQ(r.out, std::to_string(want) + "\n") << line << r.err;
-  }
-  // The record names wlan0; the list is changed afterwards, then removed.
-  Sandbox sb;
-  auto r = run_child([&] {
-    setenv("KELO_LOG_FILE", "-", 1);
-    const char *info = dev_get_info();
-    sb.write_file("wireless", kHeader + " wlan1: 0000 70. -40. -256\n");
-    int a = net_rssi();
-    unlink(sb.wireless().c_str());
-    printf("%s %d %d\n", info + DEV_INFO_IFNAME, a, net_rssi());
-  });
-  EXPECT_EQ(r.out, "wlan0 0 0\n") << r.err;
-}
-
-// Prints the hardware address calls (into 16 bytes with ENODEV?, the bytes
-// and a guard; into 6 bytes with a guard), iw_stat (with errno set?) and rssi.
-void iw_calls() {
+// Prints net_rssi, then the hardware address into 16 bytes (the count, ENODEV?,
+// the bytes and a guard) and into 6 bytes (count, guard), then net_iw_stat
+// (result, errno set?).
+void wireless_calls() {
   unsigned char out[17];
   memset(out, 0xee, sizeof out);
+  printf("%d ", net_rssi());
   errno = 0;
   int n = net_iw_hwaddr(out, 16);
   printf("%d %d ", n, errno == ENODEV);
@@ -131,20 +94,33 @@ void iw_calls() {
   struct iw_statistics st;
   errno = 0;
   n = net_iw_stat(&st);
-  printf(" %d %d %d\n", n, errno != 0, net_rssi());
+  printf(" %d %d\n", n, errno != 0);
 }
 
-TEST(Net, IoctlHelpersWithAFakeInterface) {
-  const std::string ee(34, 'e');
-  // Loopback: ARPHRD_LOOPBACK (772) and a zero address; no wireless statistics.
-  auto lo = with_wireless(kHeader + "    lo: 0000   0.  0.  0\n", iw_calls);
-  EXPECT_EQ(lo.out, "16 0 0403" + std::string(28, '0') + "ee 6 ee -1 1 0\n") << lo.err;
-  auto none = with_wireless(kHeader + " nosuchif0: 0000 0. 0. 0\n", iw_calls);
-  EXPECT_EQ(none.out, "-1 1 " + ee + " -1 ee -1 1 0\n") << none.err;
-  // The region cannot be made: no record, no crash.
-  auto no_record = with_wireless(
-      kHeader, [] { printf("%d ", dev_get_info() == nullptr), iw_calls(); }, true);
-  EXPECT_EQ(no_record.out, "1 -1 1 " + ee + " -1 ee -1 1 0\n") << no_record.err;
+TEST(Net, WirelessReadersWithAFakeList) {
+  const std::string ee(34, 'e'), none = " -1 1 " + ee + " -1 ee -1 1\n";
+  // The interface's line ("" without region directory), what rssi reads (the
+  // level column; without a second '.' the rest of the line; without a '.'
+  // nothing) and what the ioctl helpers give.
+  const std::pair<std::string, std::string> cases[] = {
+      {" wlan0: 0000   70.  -40.  -256        0      0      0      0      0        0\n", "-40" + none},
+      {" wlan0: 0000   70.  12   -256\n", "12" + none},
+      {" wlan0: 0000   70   -40   -256\n", "0" + none},
+      // Loopback: ARPHRD_LOOPBACK (772) and a zero address; no wireless statistics.
+      {" lo: 0000   1.  -33.  0\n", "-33 16 0 0403" + std::string(28, '0') + "ee 6 ee -1 1\n"},
+      {"", "0" + none},  // the region cannot be made: no record, no crash
+  };
+  for (const auto &[line, want] : cases) {
+    Sandbox sb;
+    sb.write_file("wireless", kHeader + line);
+    std::string shm = sb.path("shm");
+    auto r = run_child([&] {
+      setenv("KELO_LOG_FILE", "-", 1);
+      if (line.empty()) rmdir(shm.c_str());
+      wireless_calls();
+    });
+    EXPECT_EQ(r.out, want) << line << r.err;
+  }
 }
 
 }  // namespace

@@ -15,11 +15,10 @@
 
 namespace {
 
-TEST(Time, ClocksAndTheRealtimeMsWrap) {
+TEST(Time, RealtimeMsWrapsAndTheZoneIsReadAtEachCall) {
   // The seconds product wraps in 32 bits: 2147483.647 s is the last value
   // before the wrap, 1700000000 is present day.
-  const std::tuple<int64_t, long, int64_t> cases[] = {{1, 999999999, 1999},
-                                                      {2147483, 647000000, 2147483647},
+  const std::tuple<int64_t, long, int64_t> cases[] = {{2147483, 647000000, 2147483647},
                                                       {2147484, 0, -2147483296},
                                                       {-1, -500000000, -1500},
                                                       {1700000000, 123456789, -807049093}};
@@ -27,33 +26,24 @@ TEST(Time, ClocksAndTheRealtimeMsWrap) {
   struct timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
   int64_t want = kelo::timeutil::realtime_ms_from(ts.tv_sec, ts.tv_nsec), got = time_realtime_ms();
-  EXPECT_GE(got, want);
-  EXPECT_LT(got - want, 2000);  // unless a wrap falls in between, which takes 49 days
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-  int32_t m = time_monotonic();
-  EXPECT_GE(m, static_cast<int32_t>(ts.tv_sec));
-  EXPECT_LE(m, static_cast<int32_t>(ts.tv_sec) + 1);
+  EXPECT_TRUE(got >= want && got - want < 2000);  // unless a wrap falls in between, once in 49 days
   time_t t = 0;
   struct tm out;
-  setenv("TZ", "UTC0", 1);
-  ASSERT_EQ(time_utc2local(&t, &out), &out);
-  EXPECT_EQ(out.tm_hour, 0);
-  setenv("TZ", "XYZ-3", 1);  // picked up at the next call
-  ASSERT_EQ(time_utc2local(&t, &out), &out);
-  EXPECT_EQ(out.tm_hour, 3);
+  for (auto [tz, hour] : {std::pair{"UTC0", 0}, {"XYZ-3", 3}}) {
+    setenv("TZ", tz, 1);
+    ASSERT_EQ(time_utc2local(&t, &out), &out);
+    EXPECT_EQ(out.tm_hour, hour);
+  }
 }
 
 TEST(Time, TimerStartArmsAsAsked) {
   kelo::test::Sandbox sb;  // failures are logged
   setenv("KELO_LOG_FILE", "-", 1);
-  // first, interval, the remaining time read back (at most the set one; 0:
-  // the period alone does not arm it), the interval; negative times and bad
-  // descriptors fail with errno set.
-  const std::tuple<int, int, int64_t, int64_t, int> cases[] = {{1500, 0, 1500000000, 0, 0},
-                                                               {250, 2750, 250000000, 2750000000, 0},
-                                                               {0, 500, 0, 500000000, 0},
-                                                               {-1500, 0, 0, 0, EINVAL}};
-  for (auto [first, interval, value_ns, interval_ns, err] : cases) {
+  // first, interval (ms), the remaining time read back (at most the set one;
+  // 0: the period alone does not arm it), errno for a negative time.
+  const std::tuple<int, int, int64_t, int> cases[] = {
+      {1500, 0, 1500000000, 0}, {250, 2750, 250000000, 0}, {0, 500, 0, 0}, {-1500, 0, 0, EINVAL}};
+  for (auto [first, interval, value_ns, err] : cases) {
     int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     errno = 0;
     ASSERT_EQ(timer_start(fd, first, interval), err ? -1 : 0);
@@ -61,9 +51,8 @@ TEST(Time, TimerStartArmsAsAsked) {
     struct itimerspec cur;
     ASSERT_EQ(timerfd_gettime(fd, &cur), 0);
     int64_t left_ns = cur.it_value.tv_sec * 1000000000LL + cur.it_value.tv_nsec;
-    EXPECT_LE(left_ns, value_ns) << first;
-    EXPECT_GT(left_ns, value_ns ? value_ns - 200000000LL : -1) << first;
-    EXPECT_EQ(cur.it_interval.tv_sec * 1000000000LL + cur.it_interval.tv_nsec, interval_ns);
+    EXPECT_TRUE(left_ns <= value_ns && left_ns > (value_ns ? value_ns - 200000000LL : -1)) << first;
+    EXPECT_EQ(cur.it_interval.tv_sec * 1000 + cur.it_interval.tv_nsec / 1000000, err ? 0 : interval);
     close(fd);
   }
   errno = 0;
