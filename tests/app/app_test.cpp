@@ -1,18 +1,16 @@
-// Application start-up and teardown, each in a forked child: descriptor
-// defaults, options through the merged table, logging, the exit-time teardown,
-// and a service with methods talking to an agent on the sandbox's port.
+// Application start-up and teardown, each in a forked child: defaults and
+// options through a merged table, the abort when that table cannot be made,
+// the exit-time teardown that runs once, and a service answering an agent.
 #include <errno.h>
-
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <signal.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <string>
+#include <tuple>
 
 #include "kelo/app.h"
 #include "kelo/log.h"
@@ -27,54 +25,32 @@ using kelo::test::Sandbox;
 
 char g_arg0[] = "svc";
 char *g_argv[] = {g_arg0, nullptr};
+int32_t g_hold = 0;
+opt_record g_options[] = {{"hold", 'h', OPT_NOARG, &g_hold, opt_inc_int, "Hold.", 0},
+                          {"hold", 'o', OPT_NOARG, &g_hold, opt_inc_int, "Loses its long name.", 0},
+                          {nullptr, 0, 0, nullptr, nullptr, nullptr, 0}};
 
-TEST(App, DescriptorDefaults) {
+// The empty name becomes the thread's, facility 0 becomes 8. Without a table
+// the arguments are not looked at; with one, the clash is resolved in a copy
+// (the service's table keeps both names) and an unknown option ends parsing
+// (the last -h is not reached) but not start-up.
+TEST(App, DefaultsAndOptionsOnAMergedCopy) {
   Sandbox sb;
-  for (auto [name, facility, want] :
-       {std::tuple{"", 0, "0|abcdefghijklmno|8|1|1"}, {"mine", 24, "0|mine|24|1|1"}}) {
+  for (auto [options, want, err] :
+       {std::tuple<opt_record *, const char *, const char *>{nullptr, "0 thread 8 hold=0 second=hold", ""},
+        {g_options, "0 thread 8 hold=2 second=hold", "svc: unrecognized option '--nope'\n"}}) {
     auto r = run_child([&] {
-      prctl(PR_SET_NAME, "abcdefghijklmnopqrst", 0, 0, 0);  // the kernel keeps 15
-      app_desc app{};
-      strcpy(app.name, name);
-      app.facility = facility;
-      int rc = app_init(&app, 1, g_argv);
-      printf("%d|%s|%d|%d|%d", rc, app.name, app.facility, app.state, app_current == &app);
+      prctl(PR_SET_NAME, "thread", 0, 0, 0);
+      static app_desc app;
+      app = {0, options, 0, "", nullptr};
+      char a1[] = "-h", a2[] = "-o", a3[] = "--nope", a4[] = "-h";
+      char *argv[] = {g_arg0, a1, a2, a3, a4, nullptr};
+      int rc = app_init(&app, 5, argv);
+      printf("%d %s %d hold=%d second=%s", rc, app.name, app.facility, g_hold, g_options[1].long_name);
     });
     EXPECT_EQ(r.out, want);
+    EXPECT_EQ(r.err, err);
   }
-}
-
-int32_t g_hold = 0;
-opt_record g_options[] = {
-    {"hold", 'h', OPT_NOARG, &g_hold, opt_inc_int, "Hold.", 0},
-    {"hold", 'o', OPT_NOARG, &g_hold, opt_inc_int, "Loses its long name.", 0},
-    {nullptr, 0, 0, nullptr, nullptr, nullptr, 0},
-};
-
-// Runs app_init in a child with args after argv[0] and then prints "rc=N".
-kelo::test::ChildResult init_with(opt_record *options, std::vector<std::string> args) {
-  return run_child([&] {
-    static app_desc app;
-    app = {0, options, 0, "optsvc", nullptr};
-    std::vector<char *> argv = {g_arg0};
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    printf("rc=%d", app_init(&app, static_cast<int>(args.size() + 1), argv.data()));
-    printf(" hold=%d second=%s", g_hold, g_options[1].long_name);
-  });
-}
-
-TEST(App, OptionsParsedOnAMergedCopy) {
-  Sandbox sb;
-  // Without a table the arguments are not looked at.
-  auto ignored = init_with(nullptr, {"--help", "--bogus"});
-  EXPECT_EQ(ignored.out, "rc=0 hold=0 second=hold");
-  EXPECT_EQ(ignored.err, "");
-  // The clash is resolved in the copy; the service's table is untouched. An
-  // unknown option ends parsing (the last -h is not reached) but not start-up.
-  auto r = init_with(g_options, {"-h", "-o", "--nope", "-h"});
-  EXPECT_EQ(r.out, "rc=0 hold=2 second=hold");
-  EXPECT_EQ(r.err, "svc: unrecognized option '--nope'\n");
 }
 
 TEST(App, NoMemoryForTheMergedTableAborts) {
@@ -115,31 +91,23 @@ void count_release(log_handler *) {
 }
 log_handler g_counting = {nullptr, count_release, nullptr, nullptr};
 
-TEST(App, LoggingStartsAndFiniRunsAtExitOnlyOnce) {
+// Logging is shut down once, at exit or by app_fini; app_fini before app_init
+// and app_init(NULL) do nothing.
+TEST(App, FiniRunsOnceAtExitOrByHand) {
   Sandbox sb;
-  auto at_exit = run_child([] {
-    setenv("KELO_LOG_FILE", "-", 1);
-    static app_desc app{};
-    app_init(&app, 1, g_argv);
-    log_info("started %d", 1);
-    log_set_handler(0xff, &g_counting);
-    exit(0);  // app_fini was registered with atexit
-  });
-  EXPECT_EQ(at_exit.out, "RRRRRRRR");
-  EXPECT_NE(at_exit.err.find("[  info] started 1\n"), std::string::npos) << at_exit.err;
-
-  auto twice = run_child([] {
-    app_fini();  // before app_init: nothing
-    if (app_init(nullptr, 1, g_argv) != -1 || errno != EINVAL) _exit(4);
-    static app_desc app{};
-    app_init(&app, 1, g_argv);
-    log_set_handler(0xff, &g_counting);
-    app_fini();
-    if (write(1, app.state == 0 ? "|0|" : "|1|", 3) != 3) _exit(3);
-    app_fini();  // state 0: nothing
-    exit(0);     // and the exit-time call does nothing either
-  });
-  EXPECT_EQ(twice.out, "RRRRRRRR|0|");
+  for (bool by_hand : {false, true}) {
+    auto r = run_child([&] {
+      app_fini();
+      if (app_init(nullptr, 1, g_argv) != -1 || errno != EINVAL) _exit(4);
+      static app_desc app{};
+      app_init(&app, 1, g_argv);
+      log_set_handler(0xff, &g_counting);
+      if (by_hand) app_fini();
+      if (by_hand && write(1, app.state == 0 ? "|0|" : "|1|", 3) != 3) _exit(3);
+      exit(0);  // app_fini was registered with atexit
+    });
+    EXPECT_EQ(r.out, by_hand ? "RRRRRRRR|0|" : "RRRRRRRR");
+  }
 }
 
 int t_echo(void *, json_object *params, json_object *reply) {

@@ -1,13 +1,13 @@
-// ARGB1555 and BGR bitmaps to NV12: pixel values, odd sizes, row order, and
-// the text path as the composition of its two steps.
+// ARGB1555 bitmaps to NV12: pixel values, odd sizes, row order, and the text
+// path as the composition of its two steps.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <tuple>
 #include <vector>
 
 #include "kelo/osd.h"
-#include "osd/yuv.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -33,23 +33,20 @@ Bytes convert(int w, int h, int flip, F px) {
 }
 
 TEST(Yuv, PixelValuesOddSizesAndRowOrder) {
-  for (auto [px, y, cb, cr] : {std::tuple<uint16_t, int, int, int>{0x8000, 16, 128, 128},
+  for (auto [px, y, cb, cr] : {std::tuple<uint16_t, uint8_t, uint8_t, uint8_t>{0x8000, 16, 128, 128},
                                {0xFFFF, 229, 128, 128},
                                {kRed, 80, 91, 237},
                                {kGreen, 141, 56, 37},
-                               {kBlue, 40, 237, 111}}) {
-    const auto c = static_cast<unsigned char>(cb), r = static_cast<unsigned char>(cr),
-               l = static_cast<unsigned char>(y);
-    EXPECT_EQ(convert(2, 2, 0, [&](int, int) { return px; }), (Bytes{l, l, l, l, c, r})) << std::hex << px;
-  }
+                               {kBlue, 40, 237, 111}})
+    EXPECT_EQ(convert(2, 2, 0, [&](int, int) { return px; }), (Bytes{y, y, y, y, cb, cr})) << std::hex << px;
   // Odd sizes: only the even rows and columns are converted, the rest of the
   // image is zero; the picture is read bottom-up and the row padding skipped.
   // 3 x 3: memory row 2 (picture top) red/green, row 1 blue/white, row 0 never read.
   const uint16_t rows[3][3] = {{0x1234, 0x1234, 0x1234}, {kBlue, 0xFFFF, 0x1234}, {kRed, kGreen, 0x1234}};
   EXPECT_EQ(convert(3, 3, 0, [&](int r, int c) { return rows[r][c]; }),
             (Bytes{80, 141, 0, 40, 229, 0, 0, 0, 0, 91, 237, 0, 0}));
-  // One colour per memory row: chroma comes from the picture rows 0 and 2:
-  // memory rows 3 then 1 without flip (white, green), 1 then 3 with it.
+  // One colour per memory row: chroma comes from picture rows 0 and 2, memory
+  // rows 3 then 1 without flip (white, green), 1 then 3 with it.
   const uint16_t colour[4] = {kBlue, kGreen, kRed, kWhite};
   EXPECT_EQ(convert(2, 4, 0, [&](int r, int) { return colour[r]; }),
             (Bytes{229, 229, 80, 80, 141, 141, 40, 40, 128, 128, 56, 37}));
@@ -57,22 +54,13 @@ TEST(Yuv, PixelValuesOddSizesAndRowOrder) {
             (Bytes{40, 40, 141, 141, 80, 80, 229, 229, 56, 37, 128, 128}));
 }
 
-TEST(Yuv, BadArgumentsAndBitmap888) {
+TEST(Yuv, BadArgumentsAndTheTextPath) {
+  kelo::test::Sandbox sb;
   unsigned char px[16] = {};
   for (auto [w, h] : {std::pair{0, 2}, {-2, 2}, {2, -2}, {0x10000, 0x10000}})
     EXPECT_EQ(Bitmap1555ToYUV(px, w, h, 0), nullptr) << w << "x" << h;
   EXPECT_EQ(Bitmap1555ToYUV(nullptr, 2, 2, 0), nullptr);
-  // 3 x 2, B G R bytes, rows of 12 bytes (9 + 3 padding), bottom-up.
-  const Bytes src = {255, 0, 0,   0,   255, 0,   9, 9, 9, 0xEE, 0xEE, 0xEE,   // memory row 0: blue, green
-                     0,   0, 255, 255, 255, 255, 9, 9, 9, 0xEE, 0xEE, 0xEE};  // row 1: red, white
-  unsigned char *out = kelo::osd::Bitmap888ToYUV(src.data(), 3, 2);
-  ASSERT_NE(out, nullptr);
-  EXPECT_EQ(Bytes(out, out + 9), (Bytes{82, 235, 0, 41, 144, 0, 90, 240, 0}));
-  free(out);
-}
-
-TEST(Yuv, Ascii2yuvIsTheFlippedBitmap) {
-  kelo::test::Sandbox sb;
+  // Ascii2yuv is the top-down bitmap converted with flip: upright.
   int w = 0, h = 0;
   unsigned char *img = Ascii2yuv("2018:01:05 15:24:59", &w, &h, 16, 1);
   uint16_t *bmp = Ascii2Bitmap1555("2018:01:05 15:24:59", 0, &w, &h, 16, false);
