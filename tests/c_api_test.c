@@ -41,28 +41,22 @@ int main(void) {
   MD5Init(&ctx);
   MD5Update(&ctx, (const unsigned char *)"abc", 3);
   MD5Final(&ctx, digest);
-  char hex[33], b64[8];
+  char hex[33];
   CHECK(hex_stringify(digest, 16, hex, sizeof hex) == 32 &&
         strcmp(hex, "900150983cd24fb0d6963f7d28e17f72") == 0);
-  CHECK(base64_encode((const unsigned char *)"foo", 3, b64, sizeof b64) == 5 && strcmp(b64, "Zm9v") == 0);
   void *p = kelo_malloc(100, 64);
   CHECK(p != NULL && ((size_t)p & 63) == 0 && kelo_round(100, 64) == 128);
   kelo_free(p);
-  time_t t = 0;
-  struct tm tm;
-  CHECK(time_utc2local(&t, &tm) == &tm && time_monotonic() >= 0);
-  CHECK(wait_sock_timeout(-1, 0, 1, 0) == -EBADF);
-
-  char text[8];
-  CHECK(file_read_string(text, sizeof text, "/proc/self/stat") == 7);
+  CHECK(time_monotonic() >= 0 && wait_sock_timeout(-1, 0, 1, 0) == -EBADF);
+  CHECK(file_read_string(hex, 8, "/proc/self/stat") == 7);
 
   uint32_t n = 0;
   unsigned char *packet = construct_packet_cmd(9, "hi", 2, &n);
   CHECK(packet != NULL && n == 22 && av_cmd_parse(3, packet, (int)n, on_cmd) == 22 && delivered);
   free(packet);
-  const unsigned char white[8] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
-  unsigned char *yuv = Bitmap1555ToYUV(white, 2, 2, 1);
-  CHECK(yuv != NULL && yuv[0] == 229 && yuv[4] == 128);
+  const unsigned char black[8] = {0};
+  unsigned char *yuv = Bitmap1555ToYUV(black, 2, 2, 1);
+  CHECK(yuv != NULL && yuv[0] == 16 && yuv[4] == 128);
   free(yuv);
 
   const otrpc_dispatch_entry none[] = {{NULL, NULL, NULL}};

@@ -1,10 +1,8 @@
-// Packets as built and sent, and both stream parsers on exact-size buffers
-// (ASan catches any read past them).
+// Packets as built, and both stream parsers on exact-size buffers (ASan
+// catches any read past them; the fuzz targets check every answer).
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -37,30 +35,15 @@ const unsigned char kNone = 0, *g_payload;  // what the last handler saw; &kNone
 int on_cmd(int, const unsigned char *payload, uint32_t) { return (g_payload = payload), 0; }
 int on_ack(uint32_t, const unsigned char *payload, uint32_t) { return (g_payload = payload), 0; }
 
-TEST(AvPacket, BuiltAndSent) {
+TEST(AvPacket, Built) {
   // Odd payload length: the trailer follows unaligned.
   EXPECT_EQ(cmd_packet(0xA1B2C3D4, "abc", 3),
             cat({kMagic, le32(23), le32(0xA1B2C3D4), le32(0), {'a', 'b', 'c'}, kTrailer}));
-  // NULL data with a length gives a zeroed payload; lengths that cannot be
-  // framed leave *out_size alone.
+  // Lengths that cannot be framed (the size word would overflow) leave *out_size alone.
   uint32_t n = 99;
-  auto *p = static_cast<unsigned char *>(construct_packet_ack(1, 0xFFFFFFFE, nullptr, 3, &n));
-  EXPECT_EQ(Bytes(p, p + n),
-            cat({kMagic, le32(27), le32(1), le32(0), le32(0xFFFFFFFE), {0, 0, 0}, kTrailer}));
-  free(p);
-  n = 99;
   EXPECT_EQ(construct_packet_cmd(1, "x", -1, &n), nullptr);
   EXPECT_EQ(construct_packet_ack(1, 0, "x", 0x7FFFFFF0, &n), nullptr);
   EXPECT_EQ(n, 99u);
-  int sv[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-  EXPECT_EQ(send_av_cmd(sv[0], 0x101, "frame", 5), 25);
-  Bytes got(26);
-  EXPECT_EQ(recv(sv[1], got.data(), got.size(), 0), 25);
-  got.resize(25);
-  EXPECT_EQ(got, cmd_packet(0x101, "frame", 5));
-  close(sv[0]);
-  close(sv[1]);
 }
 
 // Buffers, the counts both parsers return and where the payload they passed

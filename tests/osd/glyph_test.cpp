@@ -35,12 +35,10 @@ std::pair<int, Bytes> render(const Bytes &font, const char *text, int w, int h, 
 TEST(Glyph, AdvancesBitmapValuesAndFlip) {
   kelo::test::Sandbox sb;
   const Bytes font = load(KELO_TEST_FONT);
-  for (auto [text, pen16, pen48] : {std::tuple{"1:", 13, 38}, {":1", 12, 36}, {"2018/01/05", 74, 224}}) {
+  for (auto [text, pen16] : {std::pair{"1:", 13}, {":1", 12}, {"2018/01/05", 74}})
     EXPECT_EQ(render(font, text, 140, 16).first, pen16) << text;
-    EXPECT_EQ(render(font, text, 420, 48, 48).first, pen48) << text;
-  }
-  for (auto [text, ph, cw, ch] :
-       {std::tuple{kStamp, 48, 420, 48}, {kStamp, 24, 140, 16}, {"", 16, 140, 16}}) {
+  EXPECT_EQ(render(font, kStamp, 420, 48, 48).first, 416);
+  for (auto [text, ph, cw, ch] : {std::tuple{kStamp, 48, 420, 48}, {"", 24, 140, 16}}) {
     int w = -1, h = -1;
     uint16_t *up = Ascii2Bitmap1555(text, 3, &w, &h, ph, false);
     uint16_t *down = Ascii2Bitmap1555(text, 3, nullptr, nullptr, ph, true);
@@ -76,8 +74,8 @@ TEST(Glyph, ClippedAtCanvasEdgesAndOddArguments) {
   }
 }
 
-// Fonts that cannot be read or are not usable: NULL (the sizes untouched when
-// unreadable, set when damaged), never a crash. The seed fonts of the fuzzer
+// Fonts that cannot be read or are not usable: NULL (the sizes set when
+// damaged, untouched when unreadable), never a crash. The seed fonts of the fuzzer
 // (map formats 4, 6 and 12, both 'loca' forms, composites) are drawn; its
 // finding is refused.
 TEST(Glyph, MissingDamagedAndSmallFonts) {
@@ -93,22 +91,17 @@ TEST(Glyph, MissingDamagedAndSmallFonts) {
         if (bad.compare(i, 4, tag) == 0) memcpy(&bad[i + field], "\x7f\xff\xff\x00", 4);
       files.push_back(bad);
     }
-  std::vector<std::string> paths = {sb.path("no-such.ttf"), sb.root()};
-  std::string want = "failed to load font \nnull -7 -9\nfailed to load font \nnull -7 -9\n";
   for (size_t n = 0; n < files.size(); ++n) {
-    paths.push_back(sb.path("f" + std::to_string(n)));
-    sb.write_file("f" + std::to_string(n), files[n]);
-    want += "null 420 48\n";
+    sb.write_file("f", files[n]);
+    sb.set_font(sb.path("f"));
+    int w = -7, h = -9;
+    EXPECT_EQ(Ascii2Bitmap1555(kStamp, 0, &w, &h, 48, false), nullptr) << n;
+    EXPECT_EQ(w * 1000 + h, 420048) << n;
   }
-  auto r = kelo::test::run_child([&] {
-    for (const auto &path : paths) {
-      sb.set_font(path);
-      int w = -7, h = -9;
-      uint16_t *bmp = Ascii2Bitmap1555(kStamp, 0, &w, &h, 48, false);
-      printf("%s %d %d\n", bmp ? "bitmap" : "null", w, h);
-    }
-  });
-  EXPECT_EQ(r.out, want);
+  sb.set_font(sb.root());  // a directory
+  int w = -7, h = -9;
+  EXPECT_EQ(Ascii2Bitmap1555(kStamp, 0, &w, &h, 48, false), nullptr);
+  EXPECT_EQ(w * 1000 + h, -7009);
   const std::string dir = KELO_SOURCE_DIR "/fuzz/corpus/osd_font_fuzz/";
   for (const char *name :
        {"seed-cmap4-short.ttf", "seed-cmap4-long.ttf", "seed-cmap6.ttf", "seed-cmap12.ttf"}) {
