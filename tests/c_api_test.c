@@ -29,6 +29,10 @@ int main(void) {
   char a0[] = "c", a1[] = "-vv", a2[] = "--verbose";
   char *argv[] = {a0, a1, a2, NULL};
   CHECK(opt_parse(3, argv, table) == 0 && verbose == 3);
+  char *text = NULL; /* without a value the stock callbacks leave the destination alone */
+  opt_store_int(NULL, NULL, &verbose);
+  opt_store_string(NULL, NULL, &text);
+  CHECK(verbose == 3 && text == NULL);
 
   log_handler h = {NULL, on_release, NULL, NULL};
   log_set_handler(1 << 3 | 1 << 5, &h);

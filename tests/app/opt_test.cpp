@@ -126,15 +126,4 @@ TEST(Options, NameClashes) {
   });
 }
 
-// Without a value the stock callbacks leave the destination alone (instead
-// of handing NULL to atoi or strdup).
-TEST(Options, StoreCallbacksWithoutAValue) {
-  int32_t v = 99;
-  char *s = nullptr;
-  opt_store_int(nullptr, nullptr, &v);
-  opt_store_string(nullptr, nullptr, &s);
-  EXPECT_EQ(v, 99);
-  EXPECT_EQ(s, nullptr);
-}
-
 }  // namespace
