@@ -1,6 +1,6 @@
-// Application start-up and teardown, each in a forked child: defaults and
-// options through a merged table, the abort when that table cannot be made,
-// the exit-time teardown that runs once, and a service answering an agent.
+// Application start-up and teardown, each in a forked child: defaults,
+// options through a merged table, the teardown that runs once, the abort when
+// the table cannot be made, and a service answering an agent.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
@@ -30,23 +30,38 @@ opt_record g_options[] = {{"hold", 'h', OPT_NOARG, &g_hold, opt_inc_int, "Hold."
                           {"hold", 'o', OPT_NOARG, &g_hold, opt_inc_int, "Loses its long name.", 0},
                           {nullptr, 0, 0, nullptr, nullptr, nullptr, 0}};
 
+// A log handler that reports its release, to see when logging is shut down.
+void count_release(log_handler *) {
+  if (write(1, "R", 1) != 1) _exit(3);
+}
+log_handler g_counting = {nullptr, count_release, nullptr, nullptr};
+
 // The empty name becomes the thread's, facility 0 becomes 8. Without a table
 // the arguments are not looked at; with one, the clash is resolved in a copy
 // (the service's table keeps both names) and an unknown option ends parsing
-// (the last -h is not reached) but not start-up.
-TEST(App, DefaultsAndOptionsOnAMergedCopy) {
+// (the last -h is not reached) but not start-up. Logging is shut down once,
+// at exit or by app_fini; app_fini before app_init and app_init(NULL) do nothing.
+TEST(App, StartUpAndTeardown) {
   Sandbox sb;
-  for (auto [options, want, err] :
-       {std::tuple<opt_record *, const char *, const char *>{nullptr, "0 thread 8 hold=0 second=hold", ""},
-        {g_options, "0 thread 8 hold=2 second=hold", "svc: unrecognized option '--nope'\n"}}) {
+  for (auto [options, by_hand, want, err] :
+       {std::tuple<opt_record *, bool, const char *, const char *>{nullptr, false,
+                                                                   "0 thread 8 0 hold|RRRRRRRR", ""},
+        {g_options, true, "0 thread 8 2 hold|RRRRRRRR0", "svc: unrecognized option '--nope'\n"}}) {
     auto r = run_child([&] {
+      app_fini();
+      if (app_init(nullptr, 1, g_argv) != -1 || errno != EINVAL) _exit(4);
       prctl(PR_SET_NAME, "thread", 0, 0, 0);
       static app_desc app;
       app = {0, options, 0, "", nullptr};
       char a1[] = "-h", a2[] = "-o", a3[] = "--nope", a4[] = "-h";
       char *argv[] = {g_arg0, a1, a2, a3, a4, nullptr};
       int rc = app_init(&app, 5, argv);
-      printf("%d %s %d hold=%d second=%s", rc, app.name, app.facility, g_hold, g_options[1].long_name);
+      printf("%d %s %d %d %s|", rc, app.name, app.facility, g_hold, g_options[1].long_name);
+      fflush(stdout);
+      log_set_handler(0xff, &g_counting);
+      if (by_hand) app_fini();
+      if (by_hand && write(1, app.state ? "1" : "0", 1) != 1) _exit(3);
+      exit(0);  // app_fini was registered with atexit
     });
     EXPECT_EQ(r.out, want);
     EXPECT_EQ(r.err, err);
@@ -83,31 +98,6 @@ TEST(App, NoMemoryForTheMergedTableAborts) {
   EXPECT_EQ(r.signal, SIGABRT) << r.err;
   EXPECT_EQ(r.err, "app_init: Fail to allocate memory.");
   EXPECT_EQ(r.out, "");
-}
-
-// A log handler that reports its release, to see when logging is shut down.
-void count_release(log_handler *) {
-  if (write(1, "R", 1) != 1) _exit(3);
-}
-log_handler g_counting = {nullptr, count_release, nullptr, nullptr};
-
-// Logging is shut down once, at exit or by app_fini; app_fini before app_init
-// and app_init(NULL) do nothing.
-TEST(App, FiniRunsOnceAtExitOrByHand) {
-  Sandbox sb;
-  for (bool by_hand : {false, true}) {
-    auto r = run_child([&] {
-      app_fini();
-      if (app_init(nullptr, 1, g_argv) != -1 || errno != EINVAL) _exit(4);
-      static app_desc app{};
-      app_init(&app, 1, g_argv);
-      log_set_handler(0xff, &g_counting);
-      if (by_hand) app_fini();
-      if (by_hand && write(1, app.state == 0 ? "|0|" : "|1|", 3) != 3) _exit(3);
-      exit(0);  // app_fini was registered with atexit
-    });
-    EXPECT_EQ(r.out, by_hand ? "RRRRRRRR|0|" : "RRRRRRRR");
-  }
 }
 
 int t_echo(void *, json_object *params, json_object *reply) {

@@ -81,9 +81,16 @@ void run_cases(const std::vector<Case> &cases) {
   }
 }
 
-TEST(Options, ParseHelpUnknownAndRequired) {
+TEST(Options, ParseHelpUnknownRequiredAndNameClashes) {
   int32_t count = 0;
   const opt_record counted = {"name", 'n', OPT_REQUIRED, &count, opt_inc_int, "N.", 0};
+  const opt_record files = {nullptr, 0, OPT_ARG, nullptr, record_store, "Files.", 0};
+  const opt_record first = {"name", 'n', OPT_NOARG, nullptr, record_store, "First.", 0};
+  const opt_record second = {"name", 'n', OPT_REQUIRED, nullptr, mark_seen, "Second.", 0};
+  const opt_record hold = {"hold", 'h', OPT_NOARG, nullptr, record_store, "Hold.", 0};
+  const opt_record own_help = {"help", 'e', OPT_NOARG, nullptr, record_store, "Own help.", 0};
+  const std::string nameless =
+      kUsage + "Optional Options:\n  ...                      Display this message.\n";
   run_cases({
       // getopt permutes: the additional arguments come last, in order; "--" ends the options
       {{"a", "-n", "c", "--level=3", "-x", "9", "b", "--", "-l"},
@@ -99,18 +106,6 @@ TEST(Options, ParseHelpUnknownAndRequired) {
       {{"-l"}, 127, "level=(null);", "opt_parse: '--name' is required." + kServiceHelp},
       // the stock callbacks do not set seen: a present option still counts as missing
       {{"--name", "x"}, 127, "", "opt_parse: '--name' is required.Usage:", {counted}},
-  });
-}
-
-TEST(Options, NameClashes) {
-  const opt_record files = {nullptr, 0, OPT_ARG, nullptr, record_store, "Files.", 0};
-  const opt_record first = {"name", 'n', OPT_NOARG, nullptr, record_store, "First.", 0};
-  const opt_record second = {"name", 'n', OPT_REQUIRED, nullptr, mark_seen, "Second.", 0};
-  const opt_record hold = {"hold", 'h', OPT_NOARG, nullptr, record_store, "Hold.", 0};
-  const opt_record own_help = {"help", 'e', OPT_NOARG, nullptr, record_store, "Own help.", 0};
-  const std::string nameless =
-      kUsage + "Optional Options:\n  ...                      Display this message.\n";
-  run_cases({
       // The second "name" loses both names; after a real additional-arguments
       // record it is never seen, and is reported as missing.
       {{"-n", "f"},

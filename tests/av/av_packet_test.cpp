@@ -35,7 +35,7 @@ const unsigned char kNone = 0, *g_payload;  // what the last handler saw; &kNone
 int on_cmd(int, const unsigned char *payload, uint32_t) { return (g_payload = payload), 0; }
 int on_ack(uint32_t, const unsigned char *payload, uint32_t) { return (g_payload = payload), 0; }
 
-TEST(AvPacket, Built) {
+TEST(AvPacket, BuiltAndParsed) {
   // Odd payload length: the trailer follows unaligned.
   EXPECT_EQ(cmd_packet(0xA1B2C3D4, "abc", 3),
             cat({kMagic, le32(23), le32(0xA1B2C3D4), le32(0), {'a', 'b', 'c'}, kTrailer}));
@@ -44,17 +44,14 @@ TEST(AvPacket, Built) {
   EXPECT_EQ(construct_packet_cmd(1, "x", -1, &n), nullptr);
   EXPECT_EQ(construct_packet_ack(1, 0, "x", 0x7FFFFFF0, &n), nullptr);
   EXPECT_EQ(n, 99u);
-}
-
-// Buffers, the counts both parsers return and where the payload they passed
-// lies (-1: no call, 0: NULL).
-TEST(AvPacket, Parsers) {
   const Bytes pkt = cmd_packet(3, "hello", 5);  // 25 bytes, also a valid acknowledgement
   Bytes bad_trailer = pkt;
   bad_trailer[21] = 0xA4;
   auto sized = [](uint32_t size, Bytes lead = {}) {
     return cat({lead, kMagic, le32(size), le32(2), le32(0), Bytes(8, 0xA5)});
   };
+  // Buffers, the counts both parsers return and where the payload they passed
+  // lies (-1: no call, 0: NULL).
   struct Case {
     std::string name;
     Bytes buf;

@@ -1,16 +1,12 @@
-// Clocks and timerfd timers.
-#include <errno.h>
+// The wrapping millisecond clock and the local time.
 #include <stdint.h>
 #include <stdlib.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <tuple>
 
 #include "kelo/time.h"
-#include "support/sandbox.h"
 #include "util/time_internal.h"
 
 namespace {
@@ -30,27 +26,6 @@ TEST(Time, RealtimeMsWrapsAndTheZoneIsReadAtEachCall) {
     ASSERT_EQ(time_utc2local(&t, &out), &out);
     EXPECT_EQ(out.tm_hour, hour);
   }
-}
-
-// The milliseconds become a timespec (2750 ms: 2 s and 750000000 ns); a
-// first expiry of 0 does not arm it. Negative times and bad descriptors fail.
-TEST(Time, TimerStartArmsAsAsked) {
-  kelo::test::Sandbox sb;  // failures are logged
-  setenv("KELO_LOG_FILE", "-", 1);
-  int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
-  struct itimerspec cur;
-  for (auto [first, interval, value_ms] : {std::tuple{250, 2750, 250}, {0, 500, 0}}) {
-    ASSERT_EQ(timer_start(fd, first, interval), 0);
-    ASSERT_EQ(timerfd_gettime(fd, &cur), 0);
-    int64_t left_ms = (cur.it_value.tv_sec * 1000000000LL + cur.it_value.tv_nsec + 999999) / 1000000;
-    EXPECT_TRUE(left_ms <= value_ms && left_ms > value_ms - 200) << first;
-    EXPECT_EQ(cur.it_interval.tv_sec * 1000000000LL + cur.it_interval.tv_nsec, interval * 1000000LL);
-  }
-  EXPECT_EQ(timer_start(fd, -1500, 0), -1);
-  EXPECT_EQ(errno, EINVAL);
-  close(fd);
-  EXPECT_EQ(timer_start(-1, 100, 0), -1);
-  EXPECT_EQ(errno, EBADF);
 }
 
 }  // namespace
