@@ -53,8 +53,8 @@ TEST(Net, SocketHelpers) {
 }
 
 // net_rssi reads the level column of the interface's line (without a '.'
-// nothing). Without a device record
-// (the region cannot be made) every reader fails cleanly.
+// nothing). Without a device record (the region cannot be made) every reader
+// fails cleanly.
 TEST(Net, WirelessReadersWithAFakeList) {
   const std::pair<std::string, std::string> cases[] = {
       {" wlan0: 0000   70.  -40.  -256        0      0      0      0      0        0\n", "-40"},
