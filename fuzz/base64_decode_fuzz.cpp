@@ -1,6 +1,9 @@
-// base64_decode never writes past outsize, matches a plain one-character-
-// at-a-time decoder exactly (result and bytes, also on failure), and what it
-// decodes encodes back to text that decodes to the same bytes.
+// base64_encode of the input gives OpenSSL's text (and fails, writing
+// nothing, with one byte less room); base64_decode never writes past outsize,
+// matches a plain one-character-at-a-time decoder exactly (result and bytes,
+// also on failure), and what it decodes encodes back to text that decodes to
+// the same bytes.
+#include <openssl/evp.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -42,7 +45,18 @@ int plain_decode(const char *in, size_t len, unsigned char *out, size_t outsize)
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size == 0) return 0;
+  if (size == 0 || size > (1 << 20)) return 0;
+  const size_t tlen = (size + 2) / 3 * 4 + 1;
+  auto *mine = static_cast<char *>(malloc(tlen)), *openssl = static_cast<char *>(malloc(tlen));
+  if (base64_encode(data, size, mine, tlen) != static_cast<int>(tlen)) abort();
+  EVP_EncodeBlock(reinterpret_cast<unsigned char *>(openssl), data, static_cast<int>(size));
+  if (memcmp(mine, openssl, tlen) != 0) abort();
+  memset(mine, 'x', tlen);
+  if (base64_encode(data, size, mine, tlen - 1) != -1) abort();
+  for (size_t i = 0; i < tlen; ++i)
+    if (mine[i] != 'x') abort();
+  free(mine);
+  free(openssl);
   size_t outsize = (size - 1) * data[0] / 255 + (data[0] & 3);  // from none to enough
   FuzzText in(data + 1, size - 1, false);
   auto *out = static_cast<unsigned char *>(malloc(outsize ? outsize : 1));

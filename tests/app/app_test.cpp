@@ -1,26 +1,21 @@
-// Application start-up and teardown: descriptor defaults, options through the
-// merged table, logging, the exit-time teardown, and a service with methods
-// talking to an agent on the sandbox's port.
-#include <arpa/inet.h>
+// Application start-up and teardown, each in a forked child: defaults,
+// options through a merged table, the teardown that runs once, the abort when
+// the table cannot be made, and a service answering an agent.
 #include <errno.h>
-#include <ev.h>
-
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <string>
+#include <tuple>
 
 #include "kelo/app.h"
 #include "kelo/log.h"
 #include "kelo/otrpc.h"
+#include "support/fake_agent.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -30,66 +25,47 @@ using kelo::test::Sandbox;
 
 char g_arg0[] = "svc";
 char *g_argv[] = {g_arg0, nullptr};
-
-TEST(App, DescriptorDefaults) {
-  Sandbox sb;
-  struct Case {
-    const char *name;
-    int32_t facility;
-    std::string want;
-  } cases[] = {
-      {"", 0, "0|abcdefghijklmno|8|1|1"},  // the thread's kernel name, all 15 characters
-      {"mine", 24, "0|mine|24|1|1"},
-      {"", 1, "0|abcdefghijklmno|1|1|1"},
-  };
-  for (auto &c : cases) {
-    auto r = run_child([&] {
-      prctl(PR_SET_NAME, "abcdefghijklmnopqrst", 0, 0, 0);  // the kernel keeps 15
-      app_desc app{};
-      strcpy(app.name, c.name);
-      app.facility = c.facility;
-      int rc = app_init(&app, 1, g_argv);
-      printf("%d|%s|%d|%d|%d", rc, app.name, app.facility, app.state, app_current == &app);
-    });
-    EXPECT_EQ(r.out, c.want);
-  }
-}
-
 int32_t g_hold = 0;
-opt_record g_options[] = {
-    {"hold", 'h', OPT_NOARG, &g_hold, opt_inc_int, "Hold.", 0},
-    {"hold", 'o', OPT_NOARG, &g_hold, opt_inc_int, "Loses its long name.", 0},
-    {nullptr, 0, 0, nullptr, nullptr, nullptr, 0},
-};
+opt_record g_options[] = {{"hold", 'h', OPT_NOARG, &g_hold, opt_inc_int, "Hold.", 0},
+                          {"hold", 'o', OPT_NOARG, &g_hold, opt_inc_int, "Loses its long name.", 0},
+                          {nullptr, 0, 0, nullptr, nullptr, nullptr, 0}};
 
-// Runs app_init in a child with args after argv[0] and then prints "rc=N".
-kelo::test::ChildResult init_with(opt_record *options, std::vector<std::string> args) {
-  return run_child([&] {
-    static app_desc app;
-    app = {0, options, 0, "optsvc", nullptr};
-    std::vector<char *> argv = {g_arg0};
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    printf("rc=%d", app_init(&app, static_cast<int>(args.size() + 1), argv.data()));
-    printf(" hold=%d second=%s", g_hold, g_options[1].long_name);
-  });
+// A log handler that reports its release, to see when logging is shut down.
+void count_release(log_handler *) {
+  if (write(1, "R", 1) != 1) _exit(3);
 }
+log_handler g_counting = {nullptr, count_release, nullptr, nullptr};
 
-TEST(App, OptionsParsedOnAMergedCopy) {
+// The empty name becomes the thread's, facility 0 becomes 8. Without a table
+// the arguments are not looked at; with one, the clash is resolved in a copy
+// (the service's table keeps both names) and an unknown option ends parsing
+// (the last -h is not reached) but not start-up. Logging is shut down once,
+// at exit or by app_fini; app_fini before app_init and app_init(NULL) do nothing.
+TEST(App, StartUpAndTeardown) {
   Sandbox sb;
-  // Without a table the arguments are not looked at.
-  auto ignored = init_with(nullptr, {"--help", "--bogus"});
-  EXPECT_EQ(ignored.out, "rc=0 hold=0 second=hold");
-  EXPECT_EQ(ignored.err, "");
-  // The clash is resolved in the copy; the service's table is untouched. An
-  // unknown option ends parsing (the last -h is not reached) but not start-up.
-  auto r = init_with(g_options, {"-h", "-o", "--nope", "-h"});
-  EXPECT_EQ(r.out, "rc=0 hold=2 second=hold");
-  EXPECT_EQ(r.err, "svc: unrecognized option '--nope'\n");
-  auto help = init_with(g_options, {"--help"});
-  EXPECT_TRUE(help.exited && help.exit_code == 0 && help.out.empty());
-  EXPECT_EQ(help.err.rfind("Usage:\n  optsvc [OPTIONS] ...\n\nOptional Options:\n  -h,--hold   ", 0), 0u)
-      << help.err;
+  for (auto [options, by_hand, want, err] :
+       {std::tuple<opt_record *, bool, const char *, const char *>{nullptr, false,
+                                                                   "0 thread 8 0 hold|RRRRRRRR", ""},
+        {g_options, true, "0 thread 8 2 hold|RRRRRRRR0", "svc: unrecognized option '--nope'\n"}}) {
+    auto r = run_child([&] {
+      app_fini();
+      if (app_init(nullptr, 1, g_argv) != -1 || errno != EINVAL) _exit(4);
+      prctl(PR_SET_NAME, "thread", 0, 0, 0);
+      static app_desc app;
+      app = {0, options, 0, "", nullptr};
+      char a1[] = "-h", a2[] = "-o", a3[] = "--nope", a4[] = "-h";
+      char *argv[] = {g_arg0, a1, a2, a3, a4, nullptr};
+      int rc = app_init(&app, 5, argv);
+      printf("%d %s %d %d %s|", rc, app.name, app.facility, g_hold, g_options[1].long_name);
+      fflush(stdout);
+      log_set_handler(0xff, &g_counting);
+      if (by_hand) app_fini();
+      if (by_hand && write(1, app.state ? "1" : "0", 1) != 1) _exit(3);
+      exit(0);  // app_fini was registered with atexit
+    });
+    EXPECT_EQ(r.out, want);
+    EXPECT_EQ(r.err, err);
+  }
 }
 
 TEST(App, NoMemoryForTheMergedTableAborts) {
@@ -124,107 +100,29 @@ TEST(App, NoMemoryForTheMergedTableAborts) {
   EXPECT_EQ(r.out, "");
 }
 
-// A log handler that reports its release, to see when logging is shut down.
-void count_release(log_handler *) {
-  if (write(1, "R", 1) != 1) _exit(3);
-}
-log_handler g_counting = {nullptr, count_release, nullptr, nullptr};
-
-TEST(App, LoggingStartsAndFiniRunsAtExitOnlyOnce) {
-  Sandbox sb;
-  auto at_exit = run_child([] {
-    setenv("KELO_LOG_FILE", "-", 1);
-    setenv("KELO_LOG_LEVEL", "info", 1);
-    static app_desc app{};
-    app_init(&app, 1, g_argv);
-    log_info("started %d", 1);
-    log_debug("not shown");
-    log_set_handler(0xff, &g_counting);
-    exit(0);  // app_fini was registered with atexit
-  });
-  EXPECT_EQ(at_exit.out, "RRRRRRRR");
-  EXPECT_NE(at_exit.err.find("[  info] started 1\n"), std::string::npos) << at_exit.err;
-  EXPECT_EQ(at_exit.err.find("not shown"), std::string::npos) << at_exit.err;
-
-  auto twice = run_child([] {
-    app_fini();  // before app_init: nothing
-    if (app_init(nullptr, 1, g_argv) != -1 || errno != EINVAL) _exit(4);
-    static app_desc app{};
-    app_init(&app, 1, g_argv);
-    log_set_handler(0xff, &g_counting);
-    app_fini();
-    if (write(1, app.state == 0 ? "|0|" : "|1|", 3) != 3) _exit(3);
-    app_fini();  // state 0: nothing
-    exit(0);     // and the exit-time call does nothing either
-  });
-  EXPECT_EQ(twice.out, "RRRRRRRR|0|");
-}
-
-// ---- a service with methods, and a small agent on the same loop -------------
-
-struct MiniAgent {
-  ev_io accept_io, io;
-  ev_timer guard;
-  std::string received;
-  bool asked = false, answered = false, timed_out = false;
-} g_agent;
-
 int t_echo(void *, json_object *params, json_object *reply) {
   json_object_object_add(reply, "result", json_object_get(params));
   return OTRPC_RET_SEND_REPLY;
 }
 
-// Once the service has registered t.echo, the agent calls it; the answer ends the run.
-void agent_read(struct ev_loop *, ev_io *w, int) {
-  char buf[4096];
-  ssize_t n = read(w->fd, buf, sizeof buf);
-  if (n <= 0) return;
-  g_agent.received.append(buf, static_cast<size_t>(n));
-  if (!g_agent.asked && g_agent.received.find("\"key\":\"t.echo\"") != std::string::npos) {
-    g_agent.asked = true;
-    const char req[] = "{\"method\":\"t.echo\",\"id\":7,\"params\":{\"a\":1}}";
-    if (write(w->fd, req, sizeof req - 1) != static_cast<ssize_t>(sizeof req - 1)) _exit(5);
-  }
-  g_agent.answered = g_agent.received.find("{\"id\":7,\"result\":{\"a\":1}}") != std::string::npos;
-  if (g_agent.answered) app_break();
-}
-
+// app_init starts the RPC client and offers the methods; app_fini stops it.
 TEST(App, ServiceWithMethodsAnswersTheAgent) {
   Sandbox sb;
   auto r = run_child([&] {
-    struct ev_loop *loop = ev_default_loop(0);
-    int lfd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(sb.agent_port()));
-    if (bind(lfd, reinterpret_cast<sockaddr *>(&a), sizeof a) < 0 || listen(lfd, 4) < 0) _exit(4);
-    ev_io_init(
-        &g_agent.accept_io,
-        [](struct ev_loop *l, ev_io *w, int) {
-          ev_io_init(&g_agent.io, agent_read, accept(w->fd, nullptr, nullptr), EV_READ);
-          ev_io_start(l, &g_agent.io);
-        },
-        lfd, EV_READ);
-    ev_io_start(loop, &g_agent.accept_io);
-    ev_timer_init(
-        &g_agent.guard,
-        [](struct ev_loop *, ev_timer *, int) {
-          g_agent.timed_out = true;
-          app_break();
-        },
-        10.0, 0.0);
-    ev_timer_start(loop, &g_agent.guard);
+    kelo::test::FakeAgent agent(sb.agent_port());
+    agent.start_listening();
     static const otrpc_method methods[] = {{"t.echo", t_echo, nullptr, 0}, {nullptr, nullptr, nullptr, 0}};
     static app_desc app{0, nullptr, 0, "rpcsvc", methods};
     app_init(&app, 1, g_argv);
-    bool hooked = otrpc_on_state_changed != nullptr;  // the registry's hook
-    app_run();
+    kelo::test::pump_until([&] { return !agent.with_method("register").empty(); }, 5);
+    agent.send_raw(R"({"method":"t.echo","id":7,"params":{"a":1}})");
+    kelo::test::pump_until([&] { return agent.reply_for(7) != nullptr; }, 5);
+    json_object *reply = agent.reply_for(7);
     app_fini();
-    printf("hooked=%d asked=%d answered=%d timed_out=%d unhooked=%d", hooked, g_agent.asked, g_agent.answered,
-           g_agent.timed_out, otrpc_on_state_changed == nullptr);
+    printf("%s unhooked=%d", reply ? json_object_to_json_string_ext(reply, 0) : "-",
+           otrpc_on_state_changed == nullptr);  // the registry's state hook is gone
   });
-  EXPECT_EQ(r.out, "hooked=1 asked=1 answered=1 timed_out=0 unhooked=1") << r.err;
+  EXPECT_EQ(r.out, R"({"id":7,"result":{"a":1}} unhooked=1)") << r.err;
 }
 
 }  // namespace

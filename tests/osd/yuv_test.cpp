@@ -1,116 +1,54 @@
+// ARGB1555 bitmaps to NV12: pixel values, odd sizes and refused sizes.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <tuple>
 #include <vector>
 
 #include "kelo/osd.h"
-#include "osd/yuv.h"
-#include "support/sandbox.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-constexpr uint16_t kRed = 0x7C00, kGreen = 0x03E0, kBlue = 0x001F, kWhite = 0x7FFF;
+constexpr uint16_t kRed = 0x7C00, kGreen = 0x03E0, kBlue = 0x001F;
 
-// A 16-bit BMP pixel array: rows of 2 * w bytes padded to 4, filled by px(row, col) in memory order.
+// A 16-bit BMP pixel array (rows of 2 * w bytes padded to 4, little-endian)
+// with px(row, col) in memory order, converted.
 template <typename F>
-Bytes bmp1555(int w, int h, F px) {
+Bytes convert(int w, int h, F px) {
   const int stride = 2 * w + (w & 1 ? 2 : 0);
   Bytes b(static_cast<size_t>(stride * h), 0xCD);  // padding is never read
   for (int r = 0; r < h; ++r)
     for (int c = 0; c < w; ++c) {
       const uint16_t v = px(r, c);
-      memcpy(&b[static_cast<size_t>(r * stride + 2 * c)], &v, 2);  // little-endian, as on the device
+      memcpy(&b[static_cast<size_t>(r * stride + 2 * c)], &v, 2);
     }
-  return b;
-}
-
-Bytes convert(const Bytes &b, int w, int h, int flip) {
-  unsigned char *p = Bitmap1555ToYUV(b.data(), w, h, flip);
-  EXPECT_NE(p, nullptr);
-  Bytes out(p, p + (p ? static_cast<size_t>(static_cast<double>(w * h) * 1.5) : 0));
+  unsigned char *p = Bitmap1555ToYUV(b.data(), w, h, 0);
+  Bytes out(p, p + (p ? static_cast<size_t>(w * h * 3 / 2) : 0));
   free(p);
   return out;
 }
 
-}  // namespace
-
-TEST(Yuv, PixelValues) {
-  const struct {
-    uint16_t px;
-    unsigned char y, cb, cr;
-  } cases[] = {{0x8000, 16, 128, 128}, {0xFFFF, 229, 128, 128}, {kWhite, 229, 128, 128},
-               {kRed, 80, 91, 237},    {kGreen, 141, 56, 37},   {kBlue, 40, 237, 111}};
-  for (const auto &c : cases)
-    EXPECT_EQ(convert(bmp1555(2, 2, [&](int, int) { return c.px; }), 2, 2, 0),
-              (Bytes{c.y, c.y, c.y, c.y, c.cb, c.cr}))
-        << std::hex << c.px;
-}
-
-// Odd sizes: only the even rows and columns are converted, the rest of the
-// image is zero; the picture is read bottom-up and the row padding skipped.
-TEST(Yuv, OddSizes) {
+TEST(Yuv, PixelValuesOddSizesAndBadSizes) {
+  const std::tuple<uint16_t, uint8_t, uint8_t, uint8_t> pixels[] = {{0x8000, 16, 128, 128},
+                                                                    {0xFFFF, 229, 128, 128},
+                                                                    {kRed, 80, 91, 237},
+                                                                    {kGreen, 141, 56, 37},
+                                                                    {kBlue, 40, 237, 111}};
+  for (auto [px, y, cb, cr] : pixels)
+    EXPECT_EQ(convert(2, 2, [&](int, int) { return px; }), (Bytes{y, y, y, y, cb, cr})) << std::hex << px;
+  // Odd sizes: only the even rows and columns are converted, the rest of the
+  // image is zero; the picture is read bottom-up and the row padding skipped.
   // 3 x 3: memory row 2 (picture top) red/green, row 1 blue/white, row 0 never read.
   const uint16_t rows[3][3] = {{0x1234, 0x1234, 0x1234}, {kBlue, 0xFFFF, 0x1234}, {kRed, kGreen, 0x1234}};
-  const Bytes three = bmp1555(3, 3, [&](int r, int c) { return rows[r][c]; });
-  ASSERT_EQ(three.size(), 24u);
-  EXPECT_EQ(convert(three, 3, 3, 0), (Bytes{80, 141, 0, 40, 229, 0, 0, 0, 0, 91, 237, 0, 0}));
-  // Width 5: rows of 12 bytes; column 4 and the padding are never converted.
-  const Bytes five = bmp1555(5, 2, [](int r, int c) { return c == 4 ? kWhite : r ? kRed : kBlue; });
-  ASSERT_EQ(five.size(), 24u);
-  EXPECT_EQ(convert(five, 5, 2, 0), (Bytes{80, 80, 80, 80, 0, 40, 40, 40, 40, 0, 91, 237, 91, 237, 0}));
-}
-
-TEST(Yuv, FlipRowOrder) {
-  // One colour per memory row: 0 blue, 1 green, 2 red, 3 white.
-  const uint16_t colour[4] = {kBlue, kGreen, kRed, kWhite};
-  const Bytes src = bmp1555(2, 4, [&](int r, int) { return colour[r]; });
-  // Chroma comes from the picture rows s = 0 and 2: memory rows 3 then 1
-  // without flip (white, green), 1 then 3 with it (s runs 3, 2, 1, 0).
-  EXPECT_EQ(convert(src, 2, 4, 0), (Bytes{229, 229, 80, 80, 141, 141, 40, 40, 128, 128, 56, 37}));
-  EXPECT_EQ(convert(src, 2, 4, 7), (Bytes{40, 40, 141, 141, 80, 80, 229, 229, 56, 37, 128, 128}));
-}
-
-TEST(Yuv, BadArguments) {
-  auto r = kelo::test::run_child([] { EXPECT_EQ(Bitmap1555ToYUV(nullptr, 2, 2, 0), nullptr); });
-  EXPECT_EQ(r.out, "[Bitmap1555ToYUV] param NULL, buf:(nil), \n");
+  EXPECT_EQ(convert(3, 3, [&](int r, int c) { return rows[r][c]; }),
+            (Bytes{80, 141, 0, 40, 229, 0, 0, 0, 0, 91, 237, 0, 0}));
+  // Sizes whose image would not fit in memory (or overflow) are refused.
   unsigned char px[16] = {};
-  for (auto [w, h] : {std::pair{0, 2}, {2, 0}, {-2, 2}, {2, -2}, {0x10000, 0x10000}})
+  for (auto [w, h] : {std::pair{0, 2}, {2, -2}, {0x10000, 0x10000}})
     EXPECT_EQ(Bitmap1555ToYUV(px, w, h, 0), nullptr) << w << "x" << h;
+  EXPECT_EQ(Bitmap1555ToYUV(nullptr, 2, 2, 0), nullptr);
 }
 
-TEST(Yuv, Bitmap888) {
-  // 3 x 2, B G R bytes, rows of 12 bytes (9 + 3 padding), bottom-up.
-  const Bytes src = {255, 0, 0,   0,   255, 0,   9, 9, 9, 0xEE, 0xEE, 0xEE,   // memory row 0: blue, green
-                     0,   0, 255, 255, 255, 255, 9, 9, 9, 0xEE, 0xEE, 0xEE};  // row 1: red, white
-  auto r = kelo::test::run_child([&] {
-    unsigned char *out = kelo::osd::Bitmap888ToYUV(src.data(), 3, 2);
-    ASSERT_NE(out, nullptr);
-    EXPECT_EQ(Bytes(out, out + 9), (Bytes{82, 235, 0, 41, 144, 0, 90, 240, 0}));
-    free(out);
-    EXPECT_EQ(kelo::osd::Bitmap888ToYUV(nullptr, 2, 2), nullptr);
-  });
-  EXPECT_EQ(r.out,
-            "{bitmapLineByte is 12}\n{bitmapLineByte is 8}\n[Bitmap888ToYUV] param NULL, buf:(nil), \n");
-  EXPECT_TRUE(r.exited && r.exit_code == 0) << r.err;
-}
-
-TEST(Yuv, Ascii2yuv) {
-  kelo::test::Sandbox sb;
-  int w = 0, h = 0;
-  unsigned char *img = Ascii2yuv("2018:01:05 15:24:59", &w, &h, 16, 1);
-  ASSERT_NE(img, nullptr);
-  EXPECT_EQ(w, 140);
-  EXPECT_EQ(h, 16);
-  // The top-down bitmap converted with flip: upright.
-  uint16_t *bmp = Ascii2Bitmap1555("2018:01:05 15:24:59", 0, &w, &h, 16, false);
-  unsigned char *ref = Bitmap1555ToYUV(reinterpret_cast<unsigned char *>(bmp), w, h, 1);
-  EXPECT_EQ(memcmp(img, ref, 140 * 16 * 3 / 2), 0);
-  free(bmp);
-  free(ref);
-  free(img);
-  sb.set_font(sb.path("missing"));
-  auto r = kelo::test::run_child([] { EXPECT_EQ(Ascii2yuv("1", nullptr, nullptr, 48, 1), nullptr); });
-  EXPECT_EQ(r.out, "failed to load font \n");
-}
+}  // namespace
