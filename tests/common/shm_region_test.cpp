@@ -1,6 +1,6 @@
 // Named shared regions: creation races, sizes, failed initialisers, readers
 // without write permission, planted links, long names, the in-region mutex.
-#include "log/shm_region.h"
+#include "common/shm_region.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
