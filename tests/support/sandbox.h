@@ -13,10 +13,11 @@ extern const char kWirelessHeader[];
 
 class Sandbox {
  public:
-  // Makes the tree and points the library's paths at it. The region prefix is
-  // "<root>/shm/kelo-"; os-release and the wireless list get ordinary
-  // contents (HOLVEN_VERSION=1.2.3_0045, interface wlan0); the font is
-  // Debian's DejaVu Sans; the agent port is a free loopback port.
+  // Makes the tree (readable by every user) and points the library's paths
+  // at it. The region prefix is "<root>/shm/kelo-"; os-release and the
+  // wireless list get ordinary contents (HOLVEN_VERSION=1.2.3_0045,
+  // interface wlan0); the font is Debian's DejaVu Sans; the agent port is a
+  // free loopback port.
   Sandbox();
   ~Sandbox();  // removes the tree
   Sandbox(const Sandbox &) = delete;
@@ -54,7 +55,7 @@ struct ChildResult {
 };
 
 // Forks; the child runs fn with stdout and stderr captured, then _exit(0)
-// unless fn exited itself. Waits at most timeout_s seconds (then kills).
+// unless fn exited itself. After timeout_s seconds the child dies of SIGALRM.
 ChildResult run_child(const std::function<void()> &fn, int timeout_s = 30);
 
 // Reads a whole file; empty when it cannot be read.
