@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,7 +12,7 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 #include "common/sys_paths.h"
 
@@ -58,26 +57,15 @@ void Sandbox::write_file(const std::string &rel, const std::string &content) con
 
 std::string Sandbox::read_file(const std::string &rel) const { return slurp(path(rel)); }
 
-void Sandbox::set_font(const std::string &p) {
-  font_ = p;
-  apply();
-}
+void Sandbox::set_font(const std::string &p) { font_ = p, apply(); }
 
-void Sandbox::set_os_release_path(const std::string &p) {
-  os_release_ = p;
-  apply();
-}
+void Sandbox::set_os_release_path(const std::string &p) { os_release_ = p, apply(); }
 
-void Sandbox::set_wireless_path(const std::string &p) {
-  wireless_ = p;
-  apply();
-}
+void Sandbox::set_wireless_path(const std::string &p) { wireless_ = p, apply(); }
 
 std::string slurp(const std::string &p) {
   std::ifstream f(p, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
+  return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 int free_port() {
@@ -115,8 +103,7 @@ ChildResult run_child(const std::function<void()> &fn, int timeout_s) {
     _exit(0);
   }
   ChildResult r;
-  while (waitpid(pid, &r.status, 0) < 0 && errno == EINTR) {
-  }
+  while (waitpid(pid, &r.status, 0) < 0 && errno == EINTR) continue;
   r.exited = WIFEXITED(r.status);
   if (r.exited) r.exit_code = WEXITSTATUS(r.status);
   if (WIFSIGNALED(r.status)) r.signal = WTERMSIG(r.status);

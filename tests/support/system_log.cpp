@@ -22,20 +22,12 @@ namespace {
 constexpr char kSep = '\x1e';  // between datagrams on the child's stdout
 constexpr int kUnavailable = 77;
 
-[[noreturn]] void unavailable(const char *what) {
-  printf("UNAVAILABLE %s: %s", what, strerror(errno));
-  fflush(stdout);
-  _exit(kUnavailable);
-}
-
+// "<priority>Mmm dd hh:mm:ss ident[pid]: text"
 SyslogMessage parse(const std::string &d) {
   SyslogMessage m;
   size_t colon = d.find("]: "), open = d.rfind('[', colon), sp = d.rfind(' ', open);
   if (d.empty() || d[0] != '<' || colon == std::string::npos || open == std::string::npos) return m;
-  m.priority = atoi(d.c_str() + 1);
-  m.ident = d.substr(sp + 1, open - sp - 1);
-  m.text = d.substr(colon + 3);
-  return m;
+  return {atoi(d.c_str() + 1), d.substr(sp + 1, open - sp - 1), d.substr(colon + 3)};
 }
 
 }  // namespace
@@ -52,6 +44,11 @@ SyslogCapture capture_syslog(const std::function<void()> &fn, int timeout_s) {
   }
   ChildResult r = run_child(
       [&] {
+        auto unavailable = [](const char *what) {
+          printf("%s: %s", what, strerror(errno));
+          fflush(stdout);
+          _exit(kUnavailable);
+        };
         if (unshare(CLONE_NEWNS) < 0) unavailable("unshare(CLONE_NEWNS)");
         if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) unavailable("make / private");
         if (mount("kelo-test-dev", "/dev", "tmpfs", 0, "mode=0755") < 0) unavailable("tmpfs on /dev");
@@ -66,9 +63,9 @@ SyslogCapture capture_syslog(const std::function<void()> &fn, int timeout_s) {
         fn();
         fflush(stderr);
         char buf[8192];
-        for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;) {
-          fwrite(buf, 1, static_cast<size_t>(n), stdout);
-          fputc(kSep, stdout);
+        for (ssize_t n; (n = recv(fd, buf, sizeof buf - 1, MSG_DONTWAIT)) >= 0;) {
+          buf[n] = kSep;
+          fwrite(buf, 1, static_cast<size_t>(n) + 1, stdout);
         }
         fflush(stdout);
         _exit(0);
@@ -76,13 +73,12 @@ SyslogCapture capture_syslog(const std::function<void()> &fn, int timeout_s) {
       timeout_s);
   cap.err = r.err;
   cap.exit_code = r.exited ? r.exit_code : -1;
-  if (r.exited && r.exit_code == kUnavailable && r.out.rfind("UNAVAILABLE ", 0) == 0) {
-    cap.why = r.out.substr(12);
+  if (r.exited && r.exit_code == kUnavailable) {
+    cap.why = r.out;
     return cap;
   }
   cap.available = true;
-  size_t pos = 0;
-  for (size_t sep; (sep = r.out.find(kSep, pos)) != std::string::npos; pos = sep + 1)
+  for (size_t pos = 0, sep; (sep = r.out.find(kSep, pos)) != std::string::npos; pos = sep + 1)
     cap.messages.push_back(parse(r.out.substr(pos, sep - pos)));
   return cap;
 }
