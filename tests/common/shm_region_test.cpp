@@ -96,46 +96,36 @@ TEST(ShmRegion, TheCreatorIsDecidedBySize) {
 }
 
 // A reader without write permission maps an initialised region read-only and
-// gets no region when it is too short to map.
-TEST(ShmRegion, ReadersWithoutWritePermission) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to hand a region to an unprivileged user";
+// gets no region when it is too short to map. Anything but a regular file at
+// the region path is no region, for its owner and for a reader alike, and no
+// opener blocks on it (a FIFO would).
+TEST(ShmRegion, ReadersAndPlantedFiles) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to hand the tree to an unprivileged user";
   kelo::test::Sandbox sb;
   auto *rec = static_cast<Rec *>(shm_region_open("ro", sizeof(Rec), init_count));
   ASSERT_NE(rec, nullptr);
   rec->opened = 42;
   sb.write_file("shm/kelo-short", "ab");
-  for (const char *name : {"ro", "short"}) ASSERT_EQ(chmod(sb.region(name).c_str(), 0644), 0);
-  auto r = run_child([] {
-    if (!kelo::test::drop_to_nobody()) _exit(10);
-    bool writable = true;
-    auto *ro = static_cast<Rec *>(shm_region_open("ro", sizeof(Rec), init_forbidden, &writable));
-    printf("%d %d %d", ro ? ro->opened : -1, writable,
-           !shm_region_open("short", sizeof(Rec), init_forbidden));
-  });
-  EXPECT_EQ(r.out, "42 0 1") << r.exit_code;
-  EXPECT_EQ(file_size(sb.region("short")), 2);
-}
-
-// Anything but a regular file at the region path is no region, for its owner
-// and for a reader alike, and no opener blocks on it (a FIFO would).
-TEST(ShmRegion, RefusesAnythingButARegularFile) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to hand the tree to an unprivileged user";
-  kelo::test::Sandbox sb;
   sb.write_file("target", "precious");
   ASSERT_EQ(symlink(sb.path("target").c_str(), sb.region("linked").c_str()), 0);
   ASSERT_EQ(symlink(sb.path("nowhere").c_str(), sb.region("dangling").c_str()), 0);
   ASSERT_EQ(mkfifo(sb.region("fifo").c_str(), 0644), 0);
   ASSERT_EQ(mkdir(sb.region("dir").c_str(), 0755), 0);
-  for (bool reader : {false, true}) {
+  for (const char *name : {"ro", "short"}) ASSERT_EQ(chmod(sb.region(name).c_str(), 0644), 0);
+  for (bool reader : {true, false}) {  // the reader first, while "short" is short
     auto r = run_child(
         [reader] {
           if (reader && !kelo::test::drop_to_nobody()) _exit(10);
-          for (const char *name : {"linked", "dangling", "fifo", "dir"})
-            printf("%d", !shm_region_open(name, sizeof(Rec), init_count));
+          bool writable = !reader;
+          auto *ro = static_cast<Rec *>(shm_region_open("ro", sizeof(Rec), init_forbidden, &writable));
+          printf("%d %d ", ro ? ro->opened : -1, writable);
+          for (const char *name : {"short", "linked", "dangling", "fifo", "dir"})
+            printf("%d", !shm_region_open(name, sizeof(Rec), reader ? init_forbidden : init_count));
         },
         5);
-    EXPECT_EQ(r.out, "1111") << "reader " << reader << ", signal " << r.signal;
+    EXPECT_EQ(r.out, reader ? "42 0 11111" : "42 1 01111") << "signal " << r.signal;
   }
+  EXPECT_EQ(file_size(sb.region("short")), static_cast<off_t>(sizeof(Rec)));  // by its owner only
   EXPECT_EQ(sb.read_file("target"), "precious");
   EXPECT_EQ(file_size(sb.path("nowhere")), -1);
 }
