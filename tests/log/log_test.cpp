@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -29,13 +28,6 @@ using kelo::test::Sandbox;
 void env(const char *file, const char *level) {
   file ? setenv("KELO_LOG_FILE", file, 1) : unsetenv("KELO_LOG_FILE");
   level ? setenv("KELO_LOG_LEVEL", level, 1) : unsetenv("KELO_LOG_LEVEL");
-}
-
-// One call per level, "m<level>" as the message.
-void log_every_level() {
-  void (*const plain[])(const char *, ...) = {log_emerg,   log_alert,  log_crit, log_err,
-                                              log_warning, log_notice, log_info, log_debug};
-  for (int i = 0; i < 8; ++i) plain[i]("m%d", i);
 }
 
 void vp(void (*fn)(const char *, const char *, va_list), const char *prefix, const char *fmt, ...) {
@@ -71,7 +63,9 @@ TEST(LogLine, Format) {
     setenv("TZ", "JST-9", 1);  // local time must not leak into the line
     tzset();
     env("-", "2147483647");  // level + 1 overflows: every level, no trap
-    log_every_level();
+    void (*const plain[])(const char *, ...) = {log_emerg,   log_alert,  log_crit, log_err,
+                                                log_warning, log_notice, log_info, log_debug};
+    for (int i = 0; i < 8; ++i) plain[i]("m%d", i);
     vp(log_vpinfo, "[%s:%d] ", "%s=%d", "cam", 7, "fps", 25);  // the prefix consumes the first arguments
     log_pnotice("pre: ", "ends in newline\n");
     log_err("two\nlines");
@@ -117,9 +111,7 @@ TEST(LogStart, ThreadsLoggingFirstStartItOnce) {
 // A handler that tells its story: "A" acquired, "R" released,
 // "<level:prefix|message>" written.
 log_handler g_telling = {[](log_handler *, int level, const char *prefix, const char *fmt, va_list ap) {
-                           printf("<%d:%s|", level, prefix);
-                           vprintf(fmt, ap);
-                           printf(">");
+                           printf("<%d:%s|", level, prefix), vprintf(fmt, ap), printf(">");
                          },
                          [](log_handler *) { printf("R"); }, [](log_handler *) { printf("A"); }, nullptr};
 
@@ -153,7 +145,6 @@ TEST(LogFile, AppendsWholeLinesAndIgnoresTheSystemLogThreshold) {
   Sandbox sb;
   sb.write_file("svc.log", "earlier\n");
   std::string path = sb.path("svc.log");
-  time_t before = time(nullptr);
   auto r = run_child([&] {
     env(path.c_str(), "info");
     if (log_set_syslog_level(0) != 0) _exit(3);
@@ -168,8 +159,7 @@ TEST(LogFile, AppendsWholeLinesAndIgnoresTheSystemLogThreshold) {
     kelo::log::fini();     // closes the file
     log_info("reopened");  // lazy start again: a new handler, the file again
   });
-  std::string got = bodies(sb.read_file("svc.log"), before),
-              line = "[  info] " + std::string(300, 'x') + "\n";
+  std::string got = bodies(sb.read_file("svc.log"), 0), line = "[  info] " + std::string(300, 'x') + "\n";
   ASSERT_EQ(got.size(), 8 + 21 + 800 * line.size() + 18) << r.err;
   EXPECT_EQ(got.substr(0, 29) + got.substr(got.size() - 18),
             "earlier\n[   err] cam0: first\n[  info] reopened\n");
@@ -182,12 +172,11 @@ TEST(LogFile, AppendsWholeLinesAndIgnoresTheSystemLogThreshold) {
 // that may only read it cannot change it.
 TEST(LogControl, ThresholdSharedByEveryProcess) {
   Sandbox sb;
-  std::string shm = sb.path("shm");
   auto setter = run_child([&] {
     env("-", nullptr);
-    rmdir(shm.c_str());  // no directory: the region cannot be created
+    rmdir(sb.path("shm").c_str());  // no directory: the region cannot be created
     printf("%d %d ", log_set_syslog_level(7), kelo::log::syslog_threshold());
-    mkdir(shm.c_str(), 0755);
+    mkdir(sb.path("shm").c_str(), 0755);
     printf("%d", log_set_syslog_level(5));
   });
   EXPECT_EQ(setter.out, "-1 6 0");

@@ -27,15 +27,12 @@ class Sandbox {
   std::string path(const std::string &rel) const { return root_ + "/" + rel; }
   // Full path of the region file of name.
   std::string region(const std::string &name) const { return root_ + "/shm/kelo-" + name; }
-  const std::string &os_release() const { return os_release_; }
   const std::string &wireless() const { return wireless_; }
   int agent_port() const { return port_; }
 
   void write_file(const std::string &rel, const std::string &content) const;
   std::string read_file(const std::string &rel) const;
   void set_font(const std::string &path);
-  void set_os_release_path(const std::string &path);
-  void set_wireless_path(const std::string &path);
 
  private:
   void apply();
