@@ -53,7 +53,8 @@ int main(void) {
 
   for (int i = 0; i < 1000; i++) CHECK(rand_range(10, 20) > 0 && rand_range(10, 20) < 20);
   char out[16] = "#";
-  rand_str("ab", 2, out, 8);
+  static const char pool[] = "bab"; /* a negative index takes the byte before "ab" */
+  rand_str(pool + 1, 2, out, 8);
   CHECK(out[0] == '#' && out[8] == '\0' && strspn(out + 1, "ab") == 7);
   const unsigned char bytes[] = {0xab, 0x01};
   CHECK(hex_stringify(bytes, 2, out, 5) == 4 && strcmp(out, "ab01") == 0);
