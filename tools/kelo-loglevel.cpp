@@ -4,27 +4,15 @@
 //   kelo-loglevel LEVEL      sets it (0..7 or emerg, alert, crit, err, warning,
 //                            notice, info, debug); -1 silences the system log
 #include <errno.h>
-#include <fcntl.h>
-#include <pthread.h>
-#include <stddef.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <unistd.h>
 
 #include "kelo/log.h"
+#include "log/log_internal.h"
 
 namespace {
-
-constexpr char kRegion[] = "/dev/shm/kelo-log-control";
-
-// The record every process maps: the in-region mutex, then the threshold.
-struct LogControl {
-  pthread_mutex_t lock;
-  int32_t syslog_level;
-};
 
 constexpr const char *kNames[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
 
@@ -52,14 +40,10 @@ bool parse(const char *text, int *level) {
 const char *name_of(int level) { return level >= 0 && level <= 7 ? kNames[level] : "nothing"; }
 
 int show() {
-  int fd = open(kRegion, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  int32_t level = 0;
-  ssize_t n =
-      fd < 0 ? -1 : pread(fd, &level, sizeof level, static_cast<off_t>(offsetof(LogControl, syslog_level)));
-  if (fd >= 0) close(fd);
-  if (n != static_cast<ssize_t>(sizeof level)) {
-    // No region yet: services use the built-in 6 until one creates it.
-    printf("6 (info; %s not created yet)\n", kRegion);
+  int level = kelo::log::syslog_threshold();
+  if (kelo::log::control() == nullptr) {
+    // No region: services use the built-in 6 until one can create it.
+    printf("%d (info; the log-control region cannot be opened)\n", level);
     return 0;
   }
   printf("%d (%s and more severe go to the system log)\n", level, name_of(level));
@@ -75,7 +59,8 @@ int main(int argc, char **argv) {
   // Keep this tool's own logging away from the system log.
   if (getenv("KELO_LOG_FILE") == nullptr) setenv("KELO_LOG_FILE", "-", 1);
   if (log_set_syslog_level(level) != 0) {
-    fprintf(stderr, "kelo-loglevel: cannot open %s: %s\n", kRegion, strerror(errno));
+    fprintf(stderr, "kelo-loglevel: cannot set the threshold in the log-control region: %s\n",
+            strerror(errno));
     return 1;
   }
   printf("%d (%s and more severe go to the system log)\n", level, name_of(level));

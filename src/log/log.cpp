@@ -12,8 +12,8 @@
 
 #include "common/free_ptr.h"
 #include "common/mutex_lock.h"
+#include "common/shm_region.h"
 #include "kelo/app.h"
-#include "log/shm_region.h"
 
 namespace kelo::log {
 namespace {
@@ -26,30 +26,20 @@ struct LevelName {
 // The system's priority-name table, searched in this order; the first name of
 // a value is its display name.
 constexpr LevelName kLevelNames[] = {
-    {"alert", 1}, {"crit", 2}, {"debug", 7},  {"emerg", 0},  {"err", 3},   {"error", 3},
+    {"alert", 1}, {"crit", 2},  {"debug", 7},  {"emerg", 0}, {"err", 3},  {"error", 3},
     {"info", 6},  {"none", 16}, {"notice", 5}, {"panic", 0}, {"warn", 4}, {"warning", 4},
-};
-
-struct FacilityName {
-  const char *name;
-  int value;
-};
-
-// Carried for completeness; facilities are always set as numbers.
-[[maybe_unused]] constexpr FacilityName kFacilityNames[] = {
-    {"auth", 32},    {"authpriv", 80}, {"cron", 72},    {"daemon", 24},  {"ftp", 88},
-    {"kern", 0},     {"lpr", 48},      {"mail", 16},    {"mark", 192},   {"news", 56},
-    {"security", 32}, {"syslog", 40},  {"user", 8},     {"uucp", 64},    {"local0", 128},
-    {"local1", 136}, {"local2", 144},  {"local3", 152}, {"local4", 160}, {"local5", 168},
-    {"local6", 176}, {"local7", 184},
 };
 
 constexpr int kDefaultSyslogLevel = 6;
 
 constinit log_handler *g_handlers[8] = {};
-constinit bool g_initialised = false;
-constinit int g_level = 7;
-constinit Control *g_control = nullptr;
+// Set (release) once a start-up has installed its sink; the first log calls
+// of several threads see it (acquire) or queue on g_start_lock, which also
+// serialises the region mapping and threshold changes.
+constinit std::atomic<bool> g_initialised{false};
+constinit pthread_mutex_t g_start_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit std::atomic<Control *> g_control{nullptr};
+constinit bool g_control_writable = false;  // under g_start_lock
 // Every sink that a start-up created. They are never freed: a thread that
 // read the table just before a restart may still be writing through one.
 // The list only keeps them reachable (leak checkers see no loss).
@@ -60,15 +50,20 @@ int load_threshold(const Control *c) {
   return std::atomic_ref<const int32_t>(c->syslog_level).load(std::memory_order_relaxed);
 }
 
+// Under g_start_lock.
 void map_control() {
-  if (g_control == nullptr)
-    g_control = static_cast<Control *>(shm_region_open("log-control", sizeof(Control), control_init));
+  if (g_control.load(std::memory_order_relaxed) != nullptr) return;
+  bool writable = false;
+  auto *c = static_cast<Control *>(shm_region_open("log-control", sizeof(Control), control_init, &writable));
+  g_control_writable = writable;
+  g_control.store(c, std::memory_order_release);
 }
 
 // ---- system log ----------------------------------------------------------
 
 void syslog_write(log_handler *, int level, const char *prefix, const char *fmt, va_list ap) {
-  int threshold = g_control ? load_threshold(g_control) : kDefaultSyslogLevel;
+  const Control *c = g_control.load(std::memory_order_acquire);
+  int threshold = c != nullptr ? load_threshold(c) : kDefaultSyslogLevel;
   if (level > threshold) return;
   if (prefix == nullptr || prefix[0] == '\0') {
     vsyslog(level, fmt, ap);
@@ -213,6 +208,45 @@ log_handler *new_file_handler(const char *path, FILE *stream) {
   return &f->base;
 }
 
+// Under g_start_lock.
+void start_locked() {
+  const char *file = getenv("KELO_LOG_FILE");
+  const char *level_text = getenv("KELO_LOG_LEVEL");
+
+  map_control();
+
+  int level = 7;
+  if (level_text != nullptr) {
+    int v = level_parse(level_text);
+    if (v >= 0) level = v;
+  }
+
+  // Bits 0..level; a shift of 32 or more enables every level ("none" is 16).
+  long long shift = static_cast<long long>(level) + 1;
+  unsigned mask = shift >= 32 ? ~0u : ~(~0u << shift);
+
+  log_handler *sink;
+  if (file != nullptr && file[0] != '\0')
+    sink = strcmp(file, "-") == 0 ? stream_create(stderr) : new_file_handler(file, nullptr);
+  else
+    sink = &syslog_handler.base;
+  if (sink != nullptr && sink != &syslog_handler.base) {
+    auto *f = reinterpret_cast<FileHandler *>(sink);
+    f->next = g_startup_sinks;
+    g_startup_sinks = f;
+  }
+  // Out of memory for a new sink: levels go quiet rather than crash.
+  log_set_handler(static_cast<int>(mask), sink);
+  g_initialised.store(true, std::memory_order_release);
+}
+
+// The lazy start: exactly one of the threads that log first starts logging.
+void ensure_started() {
+  if (g_initialised.load(std::memory_order_acquire)) return;
+  MutexLock lock(&g_start_lock);
+  if (!g_initialised.load(std::memory_order_relaxed)) start_locked();
+}
+
 }  // namespace
 
 constinit SyslogHandler syslog_handler = {
@@ -237,8 +271,9 @@ int level_parse(const char *text) {
 int level_option(const char *text) {
   int v = level_parse(text);
   if (v >= 0) return v;
-  fprintf(stderr, "%s: Invalid log option '%s'. \nAvailable log level:",
-          app_current ? app_current->name : "(null)", text);
+  fprintf(stderr,
+          "%s: Invalid log option '%s'. \nAvailable log level:", app_current ? app_current->name : "(null)",
+          text);
   for (const auto &e : kLevelNames) fprintf(stderr, " %s", e.name);
   fputc('\n', stderr);
   exit(254);
@@ -251,49 +286,30 @@ int control_init(void *record) {
   return 0;
 }
 
-Control *control() { return g_control; }
+Control *control() { return g_control.load(std::memory_order_acquire); }
 
 log_handler *stream_create(FILE *stream) { return new_file_handler(nullptr, stream); }
 
 void init() {
-  const char *file = getenv("KELO_LOG_FILE");
-  const char *level_text = getenv("KELO_LOG_LEVEL");
-
-  map_control();
-
-  int level = 7;
-  if (level_text != nullptr) {
-    int v = level_parse(level_text);
-    if (v >= 0) level = v;
-  }
-  g_level = level;
-
-  // Bits 0..level; a shift of 32 or more enables every level ("none" is 16).
-  long long shift = static_cast<long long>(level) + 1;
-  unsigned mask = shift >= 32 ? ~0u : ~(~0u << shift);
-
-  log_handler *sink;
-  if (file != nullptr && file[0] != '\0')
-    sink = strcmp(file, "-") == 0 ? stream_create(stderr) : new_file_handler(file, nullptr);
-  else
-    sink = &syslog_handler.base;
-  if (sink != nullptr && sink != &syslog_handler.base) {
-    auto *f = reinterpret_cast<FileHandler *>(sink);
-    f->next = g_startup_sinks;
-    g_startup_sinks = f;
-  }
-  // Out of memory for a new sink: levels go quiet rather than crash.
-  log_set_handler(static_cast<int>(mask), sink);
-  g_initialised = true;
+  MutexLock lock(&g_start_lock);
+  start_locked();
 }
 
 void fini() {
+  MutexLock lock(&g_start_lock);
   log_set_handler(0xff, nullptr);
-  g_initialised = false;
+  g_initialised.store(false, std::memory_order_release);
+}
+
+int syslog_threshold() {
+  MutexLock lock(&g_start_lock);
+  map_control();
+  const Control *c = g_control.load(std::memory_order_relaxed);
+  return c != nullptr ? load_threshold(c) : kDefaultSyslogLevel;
 }
 
 void write(int level, const char *prefix, const char *fmt, va_list ap) {
-  if (!g_initialised) init();
+  ensure_started();
   if (level < 0 || level > 7) return;
   log_handler *h = g_handlers[level];
   if (h != nullptr && h->write != nullptr) h->write(h, level, prefix, fmt, ap);
@@ -321,10 +337,17 @@ KELO_EXPORT void log_set_handler(int mask, log_handler *h) {
 }
 
 KELO_EXPORT int log_set_syslog_level(int level) {
-  if (!g_initialised) init();
+  ensure_started();
+  kelo::MutexLock lock(&g_start_lock);
   map_control();
-  if (g_control == nullptr) return -1;
-  std::atomic_ref<int32_t>(g_control->syslog_level).store(level, std::memory_order_relaxed);
+  Control *c = g_control.load(std::memory_order_relaxed);
+  if (c == nullptr) return -1;
+  // A region of another owner is mapped read-only here: a store would fault.
+  if (!g_control_writable) {
+    errno = EACCES;
+    return -1;
+  }
+  std::atomic_ref<int32_t>(c->syslog_level).store(level, std::memory_order_relaxed);
   return 0;
 }
 
@@ -336,22 +359,22 @@ KELO_EXPORT void log_set_facility(int facility) {
 
 KELO_EXPORT int log_get_facility(void) { return app_current != nullptr ? app_current->facility : 0; }
 
-#define KELO_LOG_DEFINE(lvl, num)                                                     \
-  KELO_EXPORT void log_##lvl(const char *fmt, ...) {                                  \
-    va_list ap;                                                                       \
-    va_start(ap, fmt);                                                                \
-    kelo::log::write(num, "", fmt, ap);                                               \
-    va_end(ap);                                                                       \
-  }                                                                                   \
+#define KELO_LOG_DEFINE(lvl, num)                                                                  \
+  KELO_EXPORT void log_##lvl(const char *fmt, ...) {                                               \
+    va_list ap;                                                                                    \
+    va_start(ap, fmt);                                                                             \
+    kelo::log::write(num, "", fmt, ap);                                                            \
+    va_end(ap);                                                                                    \
+  }                                                                                                \
   KELO_EXPORT void log_v##lvl(const char *fmt, va_list ap) { kelo::log::write(num, "", fmt, ap); } \
-  KELO_EXPORT void log_p##lvl(const char *prefix, const char *fmt, ...) {             \
-    va_list ap;                                                                       \
-    va_start(ap, fmt);                                                                \
-    kelo::log::write(num, prefix, fmt, ap);                                           \
-    va_end(ap);                                                                       \
-  }                                                                                   \
-  KELO_EXPORT void log_vp##lvl(const char *prefix, const char *fmt, va_list ap) {     \
-    kelo::log::write(num, prefix, fmt, ap);                                           \
+  KELO_EXPORT void log_p##lvl(const char *prefix, const char *fmt, ...) {                          \
+    va_list ap;                                                                                    \
+    va_start(ap, fmt);                                                                             \
+    kelo::log::write(num, prefix, fmt, ap);                                                        \
+    va_end(ap);                                                                                    \
+  }                                                                                                \
+  KELO_EXPORT void log_vp##lvl(const char *prefix, const char *fmt, va_list ap) {                  \
+    kelo::log::write(num, prefix, fmt, ap);                                                        \
   }
 
 KELO_LOG_DEFINE(emerg, 0)

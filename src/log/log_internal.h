@@ -13,8 +13,8 @@ namespace kelo::log {
 // The record of the shared "log-control" region, one layout for every
 // process of the device.
 struct Control {
-  pthread_mutex_t lock;   // in-region mutex; nothing in the library locks it
-  int32_t syslog_level;   // the system-log sink writes levels <= this
+  pthread_mutex_t lock;  // in-region mutex; nothing in the library locks it
+  int32_t syslog_level;  // the system-log sink writes levels <= this
 };
 #if defined(__arm__)
 static_assert(sizeof(Control) == 28, "log-control is 28 bytes on the device");
@@ -32,15 +32,16 @@ struct SyslogHandler {
 struct FileHandler {
   log_handler base;
   int32_t refs;
-  FILE *stream;      // NULL until opened
-  char *path;        // owned copy; NULL for a stream handler
+  FILE *stream;  // NULL until opened
+  char *path;    // owned copy; NULL for a stream handler
   pthread_mutex_t lock;
   FileHandler *next;  // sinks made at start-up, kept (see init)
 };
 
 extern SyslogHandler syslog_handler;
 
-// Starts logging from KELO_LOG_FILE and KELO_LOG_LEVEL.
+// Starts logging from KELO_LOG_FILE and KELO_LOG_LEVEL (again, when it
+// already runs: the new sink replaces the old one level by level).
 void init();
 // Releases every level's handler; logging is then not initialised.
 void fini();
@@ -54,6 +55,9 @@ log_handler *stream_create(FILE *stream);
 int control_init(void *record);
 // The mapped region, or NULL.
 Control *control();
+// The system-log threshold in force (mapping the region if need be; 6 when
+// it cannot be mapped).
+int syslog_threshold();
 // Display name of a level, or NULL.
 const char *level_name(int level);
 // Funnel of every log call.

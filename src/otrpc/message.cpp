@@ -115,7 +115,8 @@ KELO_EXPORT json_object *_otrpc_create_stat_msg(json_object **params_out) {
   json_object *model = g_model.load(std::memory_order_acquire);
   if (model == nullptr) {
     info = kelo::devinfo::get();
-    model = json_object_new_string(info != nullptr ? info->model : "");
+    std::string_view text = info != nullptr ? kelo::devinfo::field(info, info->model) : "";
+    model = json_object_new_string_len(text.data(), static_cast<int>(text.size()));
     if (model == nullptr) {
       json_object_put(params);
       json_object_put(msg);
@@ -126,7 +127,8 @@ KELO_EXPORT json_object *_otrpc_create_stat_msg(json_object **params_out) {
   json_object *fw = g_fw_ver.load(std::memory_order_acquire);
   if (fw == nullptr) {
     if (info == nullptr) info = kelo::devinfo::get();
-    fw = json_object_new_string(info != nullptr ? info->fw_version : "");
+    std::string_view text = info != nullptr ? kelo::devinfo::field(info, info->fw_version) : "";
+    fw = json_object_new_string_len(text.data(), static_cast<int>(text.size()));
     if (fw == nullptr) {
       // Only reached without memory. The model slot keeps its string and its
       // reference: dropping the reference while the slot still points at it

@@ -2,16 +2,20 @@
 #include "util/devinfo.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "common/free_ptr.h"
+#include "common/mutex_lock.h"
+#include "common/shm_region.h"
 #include "common/sys_paths.h"
 #include "common/unique_fd.h"
-#include "log/shm_region.h"
 
 namespace kelo::devinfo {
 namespace {
@@ -19,7 +23,11 @@ namespace {
 constexpr char kVersionKey[] = "HOLVEN_VERSION=";
 constexpr size_t kVersionKeyLen = sizeof kVersionKey - 1;
 
-constinit const Record *g_record = nullptr;
+// Published (release) once mapped; the first callers of several threads
+// queue on g_open_lock so that one mapping is made. NULL again on failure,
+// so the next call retries.
+constinit std::atomic<const Record *> g_record{nullptr};
+constinit pthread_mutex_t g_open_lock = PTHREAD_MUTEX_INITIALIZER;
 
 void read_fw_version(Record *rec) {
   UniqueFd fd(open(sys::paths().os_release, O_RDONLY | O_CLOEXEC));
@@ -34,7 +42,8 @@ void read_fw_version(Record *rec) {
 
   const char *data = buf.get();
   const char *end = data + n;
-  const char *hit = static_cast<const char *>(memmem(data, static_cast<size_t>(n), kVersionKey, kVersionKeyLen));
+  const char *hit =
+      static_cast<const char *>(memmem(data, static_cast<size_t>(n), kVersionKey, kVersionKeyLen));
   // Only the first occurrence is looked at, and only at a line start.
   if (hit == nullptr || (hit != data && hit[-1] != '\n')) return;
   const char *value = hit + kVersionKeyLen;
@@ -82,8 +91,23 @@ int fill(void *record) {
 }
 
 const Record *get() {
-  if (g_record == nullptr) g_record = static_cast<const Record *>(shm_region_open("devinfo", sizeof(Record), fill));
-  return g_record;
+  const Record *rec = g_record.load(std::memory_order_acquire);
+  if (rec != nullptr) return rec;
+  MutexLock lock(&g_open_lock);
+  rec = g_record.load(std::memory_order_relaxed);
+  if (rec == nullptr) {
+    rec = static_cast<const Record *>(shm_region_open("devinfo", sizeof(Record), fill));
+    g_record.store(rec, std::memory_order_release);
+  }
+  return rec;
+}
+
+std::string_view field(const Record *rec, const char *f) {
+  // A long firmware value runs on into the following fields by design, so a
+  // field's text may end anywhere in the record; it never reads past it,
+  // whatever another process left in the shared bytes.
+  const char *end = reinterpret_cast<const char *>(rec) + sizeof(Record);
+  return {f, strnlen(f, static_cast<size_t>(end - f))};
 }
 
 }  // namespace kelo::devinfo

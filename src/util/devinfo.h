@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 #include "kelo/devinfo.h"
 
@@ -25,5 +26,8 @@ int fill(void *record);
 
 // The record, typed; NULL when the region cannot be opened.
 const Record *get();
+
+// The text of field f of rec, up to its NUL or the end of the record.
+std::string_view field(const Record *rec, const char *f);
 
 }  // namespace kelo::devinfo

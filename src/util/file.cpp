@@ -10,11 +10,13 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/free_ptr.h"
 #include "common/unique_fd.h"
 #include "kelo/log.h"
 
@@ -102,13 +104,22 @@ KELO_EXPORT ssize_t file_read_string(char *buf, size_t size, const char *path) {
 }
 
 KELO_EXPORT ssize_t file_write_string(const char *str, const char *path) {
-  char line[kLineBuf] = {};
-  int reported = snprintf(line, sizeof line, "%s\n", str);
+  // The text is formatted into 80 bytes and the length snprintf reports is
+  // written, cut or not (older callers rely on that count). A longer report
+  // would read past the 80 bytes, so the line is built at the start of a
+  // zeroed buffer of the reported length: the bytes past the 80 are zeros.
+  char small[kLineBuf] = {};
+  int reported = snprintf(small, sizeof small, "%s\n", str);
   if (reported < 0) return -1;
-  // snprintf reports the uncut length; writing that many bytes would read
-  // past the buffer, so a cut text is written as it stands in the buffer.
   size_t n = static_cast<size_t>(reported);
-  if (n > sizeof line - 1) n = sizeof line - 1;
+  kelo::FreePtr<char> big;
+  char *line = small;
+  if (n > sizeof small) {
+    big.reset(static_cast<char *>(calloc(1, n)));
+    if (big == nullptr) return -1;
+    line = big.get();
+    memcpy(line, small, sizeof small);
+  }
   kelo::UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   if (!fd.valid()) {
     log_err("%s: open error(%s): %m\n", "file_write_string", path);

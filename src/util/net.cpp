@@ -22,20 +22,23 @@ static_assert(sizeof(struct iw_statistics) == 32, "iw_statistics is 32 bytes");
 namespace kelo::net {
 namespace {
 
-// The wireless interface's name, or NULL (with ENODEV) when the device
+// The wireless interface's name (bounded by the end of the shared record),
+// or an empty view with a NULL data pointer (and ENODEV) when the device
 // information cannot be mapped.
-const char *wireless_ifname() {
+std::string_view wireless_ifname() {
   const devinfo::Record *rec = devinfo::get();
   if (rec == nullptr) {
     errno = ENODEV;
-    return nullptr;
+    return {};
   }
-  return rec->ifname;
+  return devinfo::field(rec, rec->ifname);
 }
 
 // strncpy(dst, name, IFNAMSIZ) into a cleared request: at most 16 bytes, no
 // terminator added when the name fills them (the kernel adds its own).
-void copy_ifname(char (&dst)[IFNAMSIZ], const char *name) { memcpy(dst, name, strnlen(name, IFNAMSIZ)); }
+void copy_ifname(char (&dst)[IFNAMSIZ], std::string_view name) {
+  memcpy(dst, name.data(), name.size() < IFNAMSIZ ? name.size() : IFNAMSIZ);
+}
 
 }  // namespace
 }  // namespace kelo::net
@@ -97,10 +100,10 @@ KELO_EXPORT int general_send_one(int fd, const void *buf, int len) {
 }
 
 KELO_EXPORT int net_rssi(void) {
-  const char *ifname = wireless_ifname();
-  if (ifname == nullptr) return 0;
+  std::string_view ifname = wireless_ifname();
+  if (ifname.data() == nullptr) return 0;
   char prefix[20];
-  int n = snprintf(prefix, sizeof prefix, " %s", ifname);
+  int n = snprintf(prefix, sizeof prefix, " %.*s", static_cast<int>(ifname.size()), ifname.data());
   if (n < 0) return 0;
   if (static_cast<size_t>(n) >= sizeof prefix) n = sizeof prefix - 1;  // never compare past the buffer
   const char *path = kelo::sys::paths().proc_wireless;
@@ -132,8 +135,8 @@ KELO_EXPORT int net_rssi(void) {
 }
 
 KELO_EXPORT int net_iw_stat(struct iw_statistics *stats) {
-  const char *ifname = wireless_ifname();
-  if (ifname == nullptr) return -1;
+  std::string_view ifname = wireless_ifname();
+  if (ifname.data() == nullptr) return -1;
   struct iwreq wrq;
   memset(&wrq, 0, sizeof wrq);
   wrq.u.data.pointer = stats;
@@ -147,8 +150,8 @@ KELO_EXPORT int net_iw_stat(struct iw_statistics *stats) {
 }
 
 KELO_EXPORT int net_iw_hwaddr(void *out, size_t outlen) {
-  const char *ifname = wireless_ifname();
-  if (ifname == nullptr) return -1;
+  std::string_view ifname = wireless_ifname();
+  if (ifname.data() == nullptr) return -1;
   struct ifreq ifr;
   memset(&ifr, 0, sizeof ifr);
   kelo::UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));

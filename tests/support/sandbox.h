@@ -13,10 +13,11 @@ extern const char kWirelessHeader[];
 
 class Sandbox {
  public:
-  // Makes the tree and points the library's paths at it. The region prefix is
-  // "<root>/shm/kelo-"; os-release and the wireless list get ordinary
-  // contents (HOLVEN_VERSION=1.2.3_0045, interface wlan0); the font is
-  // Debian's DejaVu Sans; the agent port is a free loopback port.
+  // Makes the tree (readable by every user) and points the library's paths
+  // at it. The region prefix is "<root>/shm/kelo-"; os-release and the
+  // wireless list get ordinary contents (HOLVEN_VERSION=1.2.3_0045,
+  // interface wlan0); the font is Debian's DejaVu Sans; the agent port is a
+  // free loopback port.
   Sandbox();
   ~Sandbox();  // removes the tree
   Sandbox(const Sandbox &) = delete;
@@ -26,15 +27,12 @@ class Sandbox {
   std::string path(const std::string &rel) const { return root_ + "/" + rel; }
   // Full path of the region file of name.
   std::string region(const std::string &name) const { return root_ + "/shm/kelo-" + name; }
-  const std::string &os_release() const { return os_release_; }
   const std::string &wireless() const { return wireless_; }
   int agent_port() const { return port_; }
 
   void write_file(const std::string &rel, const std::string &content) const;
   std::string read_file(const std::string &rel) const;
   void set_font(const std::string &path);
-  void set_os_release_path(const std::string &path);
-  void set_wireless_path(const std::string &path);
 
  private:
   void apply();
@@ -54,7 +52,7 @@ struct ChildResult {
 };
 
 // Forks; the child runs fn with stdout and stderr captured, then _exit(0)
-// unless fn exited itself. Waits at most timeout_s seconds (then kills).
+// unless fn exited itself. After timeout_s seconds the child dies of SIGALRM.
 ChildResult run_child(const std::function<void()> &fn, int timeout_s = 30);
 
 // Reads a whole file; empty when it cannot be read.

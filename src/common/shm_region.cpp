@@ -1,5 +1,5 @@
 // Opens or creates named shared-memory regions, serialising creation with flock.
-#include "log/shm_region.h"
+#include "common/shm_region.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -19,8 +19,9 @@ namespace {
 // Region paths are formatted into 64 bytes; longer ones are cut at 63.
 constexpr size_t kPathSize = 64;
 
-// O_NOFOLLOW refuses a symbolic link planted at a region path.
-constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW;
+// O_NOFOLLOW refuses a symbolic link planted at a region path; O_NONBLOCK
+// keeps a FIFO planted there from blocking the open (it is refused below).
+constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
 int lock_exclusive(int fd) {
   int rc;
@@ -37,7 +38,7 @@ void unlock(int fd) {
 
 }  // namespace
 
-void *shm_region_open(const char *name, size_t size, ShmRegionInit init) {
+void *shm_region_open(const char *name, size_t size, ShmRegionInit init, bool *writable) {
   char path[kPathSize];
   snprintf(path, sizeof path, "%s%s", sys::paths().shm_prefix, name);
 
@@ -60,9 +61,19 @@ void *shm_region_open(const char *name, size_t size, ShmRegionInit init) {
     break;
   }
 
+  // Only a regular file is a region: a FIFO, device or directory planted at
+  // the path would block or misbehave under the lock every opener waits for.
+  struct stat st;
+  if (fstat(fd.get(), &st) < 0) return nullptr;
+  if (!S_ISREG(st.st_mode)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  // O_NONBLOCK stays set: it changes nothing for a regular file, and flock
+  // blocks (or not) by its own flag.
+
   if (lock_exclusive(fd.get()) < 0) return nullptr;
 
-  struct stat st;
   if (fstat(fd.get(), &st) < 0) {
     unlock(fd.get());
     return nullptr;
@@ -78,6 +89,11 @@ void *shm_region_open(const char *name, size_t size, ShmRegionInit init) {
     fresh = true;
   }
 
+  // Another process that truncates the file while it is mapped makes every
+  // access here raise SIGBUS. No guard is cheap enough: the threshold word is
+  // read at every system-log message without lock or syscall by design, and
+  // catching the signal would need a process-wide SIGBUS handler, which a
+  // library loaded into every service must not install.
   void *rec = mmap(nullptr, size, prot, MAP_SHARED, fd.get(), 0);
   if (rec == MAP_FAILED) {
     unlock(fd.get());
@@ -96,6 +112,7 @@ void *shm_region_open(const char *name, size_t size, ShmRegionInit init) {
   }
 
   unlock(fd.get());
+  if (writable != nullptr) *writable = writer;
   return rec;
 }
 
