@@ -4,13 +4,18 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/dlist.h"
 #include "kelo/otrpc.h"
+#include "otrpc/otsocket.h"
 #include "support/fake_agent.h"
 #include "support/sandbox.h"
 
@@ -105,6 +110,101 @@ TEST(Threads, SendersCallersAndRegistrationsWhileTheLoopRuns) {
     last[t] = n;
   }
   EXPECT_EQ(seen.size(), size_t(kThreads * kEach));
+  otrpc_fini();
+}
+
+// State hooks must run on the loop thread whatever thread saw the failure.
+pthread_t g_loop_thread;
+std::atomic<int> g_foreign_hooks{0};
+int note_thread(void *, int, int) {
+  g_foreign_hooks += !pthread_equal(pthread_self(), g_loop_thread);
+  return 0;
+}
+
+int immediate(int n) {
+  json_object *m = otrpc_create_message("imm");
+  json_object_object_add(m, "n", json_object_new_int(n));
+  int r = otrpc_send_immediate(m);
+  json_object_put(m);
+  return r;
+}
+
+TEST(Threads, ImmediateSendsFromAWorkerLeaveTheCloseToTheLoop) {
+  Sandbox sb;
+  FakeAgent agent(sb.agent_port());
+  g_loop_thread = pthread_self();
+  static otrpc_state_hook hook = {nullptr, note_thread, nullptr, nullptr};
+  ASSERT_EQ(otrpc_init(), 0);
+  kelo::dlist::append(&otrpc_on_state_changed, &hook);
+  ASSERT_EQ(otrpc_register("m", answer, nullptr, 0), 0);
+  otrpc_start();
+  auto announced = [&](size_t n) {
+    return pump_until([&] { return agent.with_method("register").size() == n; }, 5);
+  };
+  ASSERT_TRUE(announced(1));
+  int r = -1;
+  std::thread([&] { r = immediate(0); }).join();
+  EXPECT_EQ(r, 0);
+  // The peer is gone and the loop does not turn: the worker's send fails.
+  agent.close_connection();
+  std::thread([&] {
+    for (int i = 1; i < 200 && (r = immediate(i)) == 0; ++i) usleep(1000);
+  }).join();
+  EXPECT_EQ(r, -1);
+  EXPECT_EQ(kelo::otrpc::otsocket_queue_length_for_testing(), 0);
+  ASSERT_TRUE(announced(2));
+  // Sending on while the loop turns and the agent drops the connection.
+  std::atomic<bool> stop{false};
+  std::thread worker([&] {
+    for (int i = 1000; !stop; ++i) immediate(i);
+  });
+  for (size_t conn = 3; conn <= 5; ++conn) {
+    pump_for(0.02);
+    agent.close_connection();
+    ASSERT_TRUE(announced(conn));
+  }
+  stop = true;
+  worker.join();
+  std::thread([&] { r = immediate(-1); }).join();
+  EXPECT_EQ(r, 0);
+  EXPECT_TRUE(pump_until([&] { return jint(agent.with_method("imm").back().obj, "n") == -1; }, 5));
+  EXPECT_EQ(g_foreign_hooks.load(), 0);
+  otrpc_fini();
+}
+
+// A send completion calling into the registry on the loop thread, while
+// another thread registers and unregisters: one lock order or a deadlock.
+void call_when_written(void *) {
+  json_object *m = otrpc_create_message("agent.after");
+  otrpc_call(m, nullptr, nullptr);
+  json_object_put(m);
+}
+
+TEST(Threads, CompletionCallbacksCallWhileAnotherThreadRegisters) {
+  alarm(30);  // a deadlock fails the test instead of hanging it
+  Sandbox sb;
+  FakeAgent agent(sb.agent_port());
+  ASSERT_EQ(otrpc_init(), 0);
+  otrpc_start();
+  ASSERT_TRUE(pump_until([] { return kelo::otrpc::otsocket_fd() >= 0; }, 5));
+  std::atomic<bool> stop{false};
+  std::thread churn([&] {
+    while (!stop) {
+      otrpc_register("x", answer, nullptr, 0);
+      otrpc_unregister("x");
+    }
+  });
+  constexpr size_t kSends = 2000;
+  for (size_t i = 0; i < kSends; ++i) {
+    json_object *m = otrpc_create_message("sent");
+    otrpc_send_cb(m, call_when_written, nullptr);
+    json_object_put(m);
+    if (i % 10 == 0) pump_for(0.001);
+  }
+  EXPECT_TRUE(pump_until([&] { return agent.with_method("agent.after").size() == kSends; }, 20));
+  stop = true;
+  churn.join();
+  alarm(0);
   otrpc_fini();
 }
 
