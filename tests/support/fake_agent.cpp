@@ -1,3 +1,4 @@
+// Test support: the agent end of the RPC client's connection, on the default loop.
 #include "support/fake_agent.h"
 
 #include <arpa/inet.h>
@@ -6,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -34,9 +34,9 @@ FakeAgent::~FakeAgent() {
 }
 
 void FakeAgent::watch(ev_io &w, int fd, int events) {
-  ev_io_stop(loop_, &w);
+  ev_io_stop(EV_DEFAULT, &w);
   ev_io_set(&w, fd, events);
-  if (fd >= 0) ev_io_start(loop_, &w);
+  if (fd >= 0 && events != 0) ev_io_start(EV_DEFAULT, &w);
 }
 
 void FakeAgent::start_listening() {
@@ -54,22 +54,25 @@ void FakeAgent::start_listening() {
 void FakeAgent::stop_listening() {
   close_connection();
   if (listen_w_.fd >= 0) close(listen_w_.fd);
-  watch(listen_w_, -1, EV_READ);
+  watch(listen_w_, -1, 0);
 }
 
 void FakeAgent::close_connection() {
   out_.clear();
-  singly_end_ = 0;
   if (conn_w_.fd >= 0) close(conn_w_.fd);
-  watch(conn_w_, -1, EV_READ);
+  watch(conn_w_, -1, 0);
 }
 
-bool FakeAgent::send_raw(const std::string &bytes, bool singly) {
+bool FakeAgent::send_raw(const std::string &bytes) {
   if (conn_w_.fd < 0) return false;
   out_ += bytes;
-  if (singly) singly_end_ = out_.size();
-  watch(conn_w_, conn_w_.fd, EV_READ | EV_WRITE);
+  set_reading(reading_);
   return true;
+}
+
+void FakeAgent::set_reading(bool on) {
+  reading_ = on;
+  watch(conn_w_, conn_w_.fd, (on ? EV_READ : 0) | (out_.empty() ? 0 : EV_WRITE));
 }
 
 void FakeAgent::on_accept(struct ev_loop *, ev_io *w, int) {
@@ -79,41 +82,38 @@ void FakeAgent::on_accept(struct ev_loop *, ev_io *w, int) {
   self->close_connection();
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   json_tokener_reset(self->tok_);
-  ++self->conns_;
-  self->watch(self->conn_w_, fd, EV_READ);
+  self->raw_.emplace_back();
+  self->conn_w_.fd = fd;
+  self->set_reading(true);
 }
 
 void FakeAgent::on_conn(struct ev_loop *, ev_io *w, int revents) {
   auto *self = static_cast<FakeAgent *>(w->data);
   if (revents & EV_WRITE) {
-    ssize_t n = send(w->fd, self->out_.data(), self->singly_end_ > 0 ? 1 : self->out_.size(), MSG_NOSIGNAL);
-    size_t sent = n > 0 ? static_cast<size_t>(n) : 0;
-    self->out_.erase(0, sent);
-    self->singly_end_ -= std::min(sent, self->singly_end_);
-    if (self->out_.empty()) self->watch(self->conn_w_, w->fd, EV_READ);
+    ssize_t n = send(w->fd, self->out_.data(), self->out_.size(), MSG_NOSIGNAL);
+    self->out_.erase(0, n > 0 ? size_t(n) : 0);
+    self->set_reading(self->reading_);
   }
   if (!(revents & EV_READ)) return;
   char buf[65536];
-  ssize_t n = recv(w->fd, buf, sizeof buf, 0);
-  if (n > 0)
-    self->on_bytes(buf, static_cast<size_t>(n));
-  else if (n == 0 || (errno != EAGAIN && errno != EINTR))
-    self->close_connection();
-}
-
-// The client separates objects by nothing or white space, which json-c skips.
-void FakeAgent::on_bytes(const char *p, size_t n) {
-  while (n > 0) {
-    json_object *o = json_tokener_parse_ex(tok_, p, static_cast<int>(n));
-    if (o == nullptr && json_tokener_get_error(tok_) == json_tokener_continue) return;
-    size_t used = o != nullptr ? static_cast<size_t>(tok_->char_offset) : 1;  // skip a byte after an error
+  ssize_t got = recv(w->fd, buf, sizeof buf, 0);
+  if (got <= 0) {
+    if (got == 0 || (errno != EAGAIN && errno != EINTR)) self->close_connection();
+    return;
+  }
+  self->raw_.back().append(buf, size_t(got));
+  // Values back to back or apart by white space; after an error a byte is skipped.
+  for (const char *p = buf; got > 0;) {
+    json_object *o = json_tokener_parse_ex(self->tok_, p, int(got));
+    if (o == nullptr && json_tokener_get_error(self->tok_) == json_tokener_continue) return;
+    ssize_t used = o != nullptr ? ssize_t(json_tokener_get_parse_end(self->tok_)) : 1;
     if (o != nullptr)
-      got_.push_back({o, json_object_to_json_string_ext(o, 0), now_s(), conns_});
+      self->got_.push_back({o, json_object_to_json_string_ext(o, 0), now_s(), self->connections()});
     else
-      ++parse_errors_;
-    json_tokener_reset(tok_);
+      ++self->parse_errors_;
+    json_tokener_reset(self->tok_);
     p += used;
-    n -= used;
+    got -= used;
   }
 }
 
@@ -136,17 +136,16 @@ void wake_cb(struct ev_loop *, ev_timer *, int) {}
 }  // namespace
 
 bool pump_until(const std::function<bool()> &pred, double timeout_s) {
-  struct ev_loop *loop = ev_default_loop(0);
   ev_timer tick;
   ev_timer_init(&tick, wake_cb, 0.005, 0.005);
-  ev_timer_start(loop, &tick);
+  ev_timer_start(EV_DEFAULT, &tick);
   double end = now_s() + timeout_s;
   bool ok = pred();
   while (!ok && now_s() < end) {
-    ev_run(loop, EVRUN_ONCE);
+    ev_run(EV_DEFAULT, EVRUN_ONCE);
     ok = pred();
   }
-  ev_timer_stop(loop, &tick);
+  ev_timer_stop(EV_DEFAULT, &tick);
   return ok;
 }
 
