@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,7 +11,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace kelo::test {
 
@@ -20,9 +18,9 @@ double now_s() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-FakeAgent::FakeAgent(int port) : port_(port), tok_(json_tokener_new_ex(64)) {
+FakeAgent::FakeAgent(int port) : port_(port) {
   ev_io_init(&listen_w_, on_accept, -1, EV_READ);
-  ev_io_init(&conn_w_, on_conn, -1, EV_READ);
+  ev_io_init(&conn_w_, on_read, -1, EV_READ);
   listen_w_.data = conn_w_.data = this;
   start_listening();
 }
@@ -33,111 +31,87 @@ FakeAgent::~FakeAgent() {
   for (auto &r : got_) json_object_put(r.obj);
 }
 
-void FakeAgent::watch(ev_io &w, int fd, int events) {
-  ev_io_stop(EV_DEFAULT, &w);
-  ev_io_set(&w, fd, events);
-  if (fd >= 0 && events != 0) ev_io_start(EV_DEFAULT, &w);
-}
-
 void FakeAgent::start_listening() {
   if (listen_w_.fd >= 0) return;
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), one = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   sockaddr_in a = {AF_INET, htons(static_cast<uint16_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
-  if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(fd, 8) != 0) {
-    fprintf(stderr, "fake agent: cannot listen on %d: %s\n", port_, strerror(errno));
-    abort();
-  }
-  watch(listen_w_, fd, EV_READ);
+  if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(fd, 8) != 0) abort();
+  ev_io_set(&listen_w_, fd, EV_READ);
+  ev_io_start(EV_DEFAULT, &listen_w_);
 }
 
 void FakeAgent::stop_listening() {
   close_connection();
+  ev_io_stop(EV_DEFAULT, &listen_w_);
   if (listen_w_.fd >= 0) close(listen_w_.fd);
-  watch(listen_w_, -1, 0);
+  listen_w_.fd = -1;
 }
 
 void FakeAgent::close_connection() {
-  out_.clear();
+  ev_io_stop(EV_DEFAULT, &conn_w_);
   if (conn_w_.fd >= 0) close(conn_w_.fd);
-  watch(conn_w_, -1, 0);
+  conn_w_.fd = -1;
 }
 
 bool FakeAgent::send_raw(const std::string &bytes) {
-  if (conn_w_.fd < 0) return false;
-  out_ += bytes;
-  set_reading(reading_);
-  return true;
+  return conn_w_.fd >= 0 &&
+         send(conn_w_.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size());
 }
 
 void FakeAgent::set_reading(bool on) {
-  reading_ = on;
-  watch(conn_w_, conn_w_.fd, (on ? EV_READ : 0) | (out_.empty() ? 0 : EV_WRITE));
+  if (on && conn_w_.fd >= 0)
+    ev_io_start(EV_DEFAULT, &conn_w_);
+  else
+    ev_io_stop(EV_DEFAULT, &conn_w_);
 }
 
 void FakeAgent::on_accept(struct ev_loop *, ev_io *w, int) {
   auto *self = static_cast<FakeAgent *>(w->data);
-  int fd = accept4(w->fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK), one = 1;
+  int fd = accept4(w->fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (fd < 0) return;
   self->close_connection();
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   json_tokener_reset(self->tok_);
   self->raw_.emplace_back();
-  self->conn_w_.fd = fd;
+  ev_io_set(&self->conn_w_, fd, EV_READ);
   self->set_reading(true);
 }
 
-void FakeAgent::on_conn(struct ev_loop *, ev_io *w, int revents) {
+void FakeAgent::on_read(struct ev_loop *, ev_io *w, int) {
   auto *self = static_cast<FakeAgent *>(w->data);
-  if (revents & EV_WRITE) {
-    ssize_t n = send(w->fd, self->out_.data(), self->out_.size(), MSG_NOSIGNAL);
-    self->out_.erase(0, n > 0 ? size_t(n) : 0);
-    self->set_reading(self->reading_);
-  }
-  if (!(revents & EV_READ)) return;
   char buf[65536];
-  ssize_t got = recv(w->fd, buf, sizeof buf, 0);
-  if (got <= 0) {
-    if (got == 0 || (errno != EAGAIN && errno != EINTR)) self->close_connection();
+  ssize_t n = recv(w->fd, buf, sizeof buf, 0);
+  if (n <= 0) {
+    if (n == 0 || (errno != EAGAIN && errno != EINTR)) self->close_connection();
     return;
   }
-  self->raw_.back().append(buf, size_t(got));
+  self->raw_.back().append(buf, size_t(n));
   // Values back to back or apart by white space; after an error a byte is skipped.
-  for (const char *p = buf; got > 0;) {
-    json_object *o = json_tokener_parse_ex(self->tok_, p, int(got));
+  for (const char *p = buf; n > 0;) {
+    json_object *o = json_tokener_parse_ex(self->tok_, p, int(n));
     if (o == nullptr && json_tokener_get_error(self->tok_) == json_tokener_continue) return;
     ssize_t used = o != nullptr ? ssize_t(json_tokener_get_parse_end(self->tok_)) : 1;
     if (o != nullptr)
-      self->got_.push_back({o, json_object_to_json_string_ext(o, 0), now_s(), self->connections()});
+      self->got_.push_back({o, json_object_to_json_string_ext(o, 0), self->connections()});
     else
       ++self->parse_errors_;
     json_tokener_reset(self->tok_);
     p += used;
-    got -= used;
+    n -= used;
   }
 }
 
 std::vector<Received> FakeAgent::with_method(const std::string &method) const {
   std::vector<Received> out;
   for (const auto &r : got_)
-    if (json_object_object_get_ex(r.obj, "method", nullptr) && jstr(r.obj, "method") == method)
-      out.push_back(r);
+    if (jstr(r.obj, "method") == method) out.push_back(r);
   return out;
 }
 
-json_object *FakeAgent::reply_for(long long id) const {
-  for (const auto &r : got_)
-    if (!json_object_object_get_ex(r.obj, "method", nullptr) && jint(r.obj, "id") == id) return r.obj;
-  return nullptr;
-}
-
-namespace {
-void wake_cb(struct ev_loop *, ev_timer *, int) {}
-}  // namespace
-
 bool pump_until(const std::function<bool()> &pred, double timeout_s) {
   ev_timer tick;
-  ev_timer_init(&tick, wake_cb, 0.005, 0.005);
+  ev_timer_init(
+      &tick, [](struct ev_loop *, ev_timer *, int) {}, 0.005, 0.005);
   ev_timer_start(EV_DEFAULT, &tick);
   double end = now_s() + timeout_s;
   bool ok = pred();
@@ -147,10 +121,6 @@ bool pump_until(const std::function<bool()> &pred, double timeout_s) {
   }
   ev_timer_stop(EV_DEFAULT, &tick);
   return ok;
-}
-
-void pump_for(double seconds) {
-  pump_until([] { return false; }, seconds);
 }
 
 std::string jstr(json_object *o, const char *key) {
