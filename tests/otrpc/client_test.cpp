@@ -160,7 +160,7 @@ TEST_F(Client, APartlyWrittenTextContinuesOnTheNextConnection) {
   otrpc_start();
   ASSERT_TRUE(announced(1));
   // White space between tokens, so that the agent parses what follows its tail.
-  const std::string big = R"({"method":"big",)" + std::string(16 << 20, ' ') + "}",
+  const std::string big = R"({"method":"big",)" + std::string(8 << 20, ' ') + "}",
                     after = R"({"method":"after"})";
   agent_.set_reading(false);
   for (const std::string *t : {&big, &after})
@@ -169,7 +169,7 @@ TEST_F(Client, APartlyWrittenTextContinuesOnTheNextConnection) {
   pump_for(0.2);
   ASSERT_EQ(otsocket_queue_length_for_testing(), 2);  // big is on its way
   agent_.close_connection();
-  ASSERT_TRUE(pump_until([&] { return !agent_.with_method("after").empty(); }, 10));
+  ASSERT_TRUE(pump_until([&] { return !agent_.with_method("after").empty(); }, 20));
   // On the new connection: the announcement ahead of the queue, then the
   // rest of big from where it stopped, then what was queued behind it.
   const std::string &raw = agent_.raw(2);
