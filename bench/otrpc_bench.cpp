@@ -77,7 +77,7 @@ struct AgentReader {
         wr = static_cast<size_t>(n);
       }
       json_object *o = json_tokener_parse_ex(tok, buf + rd, static_cast<int>(wr - rd));
-      rd += static_cast<size_t>(tok->char_offset);
+      rd += json_tokener_get_parse_end(tok);
       if (o != nullptr) {
         json_tokener_reset(tok);
         return o;

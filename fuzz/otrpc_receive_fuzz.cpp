@@ -1,6 +1,10 @@
 // Arbitrary bytes from the agent, through the receive path and the message
 // handler with registered methods and pending calls. Nothing may crash, leak,
-// or touch memory outside the receive buffer.
+// or touch memory outside the receive buffer; and when the stream is plain
+// JSON values apart by white space or NUL bytes, the reader hands out its
+// objects exactly as json-c reads them from the whole stream, however cut.
+// (Malformed input, and a top-level number, which json-c ends only at the
+// byte after it, are skipped by rules whose result may depend on the cuts.)
 //
 // Input: byte 0 chooses the write chunk size (1..256), the rest is the stream.
 #include <fcntl.h>
@@ -11,6 +15,9 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <string>
+#include <vector>
 
 #include "kelo/log.h"
 #include "kelo/otrpc.h"
@@ -41,12 +48,40 @@ int on_return(void *, json_object *msg) {
   return 0;
 }
 
-void drain(int fd) {
+// json-c over the whole stream, value after value: the texts of its objects,
+// or false when it meets an error or a top-level number.
+bool reference(const uint8_t *p, size_t n, std::vector<std::string> *objects) {
+  json_tokener *tok = json_tokener_new_ex(kelo::otrpc::OTSOCKET_TOKENER_DEPTH);
+  bool ok = true;
+  for (size_t at = 0; ok && at < n;) {
+    if (p[at] == '\0' || p[at] == ' ' || p[at] == '\t' || p[at] == '\n' || p[at] == '\r') {
+      ++at;
+      continue;
+    }
+    json_object *o =
+        json_tokener_parse_ex(tok, reinterpret_cast<const char *>(p) + at, static_cast<int>(n - at));
+    if (o == nullptr || json_object_is_type(o, json_type_int) || json_object_is_type(o, json_type_double)) {
+      ok = o == nullptr && json_tokener_get_error(tok) == json_tokener_continue;  // cut off at the end
+      json_object_put(o);
+      break;
+    }
+    if (json_object_is_type(o, json_type_object)) objects->push_back(json_object_to_json_string_ext(o, 0));
+    json_object_put(o);
+    at += json_tokener_get_parse_end(tok);
+    json_tokener_reset(tok);
+  }
+  json_tokener_free(tok);
+  return ok;
+}
+
+// Texts of the objects handed out, in order.
+void drain(int fd, std::vector<std::string> *seen, bool handle) {
   json_object *msg = nullptr;
   int r;
   while ((r = kelo::otrpc::otsocket_receive(fd, &msg)) >= 0) {
     if (r == 1) {
-      kelo::otrpc::otmethod_handle_message(msg);
+      seen->push_back(json_object_to_json_string_ext(msg, 0));
+      if (handle) kelo::otrpc::otmethod_handle_message(msg);
       json_object_put(msg);
       msg = nullptr;
     }
@@ -65,6 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   size_t chunk = static_cast<size_t>(data[0]) + 1;
   ++data;
   --size;
+  std::vector<std::string> want, cut;
+  bool plain = reference(data, size, &want);
   if (kelo::otrpc::otsocket_init() != 0) abort();
   otrpc_register("m", handler, nullptr, 0);
   otrpc_register("n", handler, nullptr, OTRPC_METHOD_NO_NOTIFY | OTRPC_METHOD_ALLOW_DUP);
@@ -78,10 +115,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (size_t off = 0; off < size; off += chunk) {
     size_t n = size - off < chunk ? size - off : chunk;
     if (write(sv[0], data + off, n) != static_cast<ssize_t>(n)) abort();
-    drain(sv[1]);
+    drain(sv[1], &cut, true);
   }
   close(sv[0]);
-  drain(sv[1]);  // end of stream
+  drain(sv[1], &cut, true);  // end of stream
   close(sv[1]);
 
   if (g_kept != nullptr) {
@@ -98,5 +135,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kelo::otrpc::otmethod_register_return(0, nullptr, nullptr);
   kelo::otrpc::otsocket_discard_queue_for_testing();
   kelo::otrpc::otsocket_fini();
+  if (plain && cut != want) abort();
   return 0;
 }

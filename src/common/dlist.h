@@ -1,10 +1,13 @@
-// Intrusive doubly linked lists of the library: a head pointer; the head's prev
-// link points at the tail; the tail's next link is NULL; a linked node always
-// has a non-NULL prev link. Unlinking a node that is not linked is a broken
-// invariant and aborts with the standard assertion message, in every build.
+// Intrusive doubly linked lists of the library (send queue, close hooks, state
+// hooks, pending calls), kept with utlist: a head pointer; the head's prev link
+// points at the tail; the tail's next link is NULL; a linked node always has a
+// non-NULL prev link. Unlinking a node that is not linked is a broken invariant
+// and aborts with the standard assertion message, in every build.
 #pragma once
 
 #include <assert.h>
+
+#include <utlist.h>
 
 // <assert.h> declares this only without NDEBUG; the unlink check aborts in
 // every build, so declare it here too (same signature as glibc's).
@@ -16,33 +19,17 @@ namespace kelo::dlist {
 // Appends n at the tail of the list at *head.
 template <typename Node>
 inline void append(Node **head, Node *n) {
-  if (*head == nullptr) {
-    n->prev = n;
-    n->next = nullptr;
-    *head = n;
-  } else {
-    n->prev = (*head)->prev;
-    (*head)->prev->next = n;
-    (*head)->prev = n;
-    n->next = nullptr;
-  }
+  DL_APPEND(*head, n);
 }
 
-// Unlinks n, which the caller has checked to be linked; leaves n->prev NULL.
+// Unlinks n from the list at *head and leaves n->prev NULL (the mark of an
+// unlinked node). A node that is not linked fails the assertion expr, reported
+// as raised in func: utlist's own check is compiled out with NDEBUG.
 template <typename Node>
-inline void unlink_checked(Node **head, Node *n) {
-  if (n->prev == n) {
-    *head = nullptr;
-  } else if (n == *head) {
-    n->next->prev = n->prev;
-    *head = n->next;
-  } else {
-    n->prev->next = n->next;
-    if (n->next)
-      n->next->prev = n->prev;
-    else
-      (*head)->prev = n->prev;
-  }
+inline void unlink(Node **head, Node *n, const char *expr, const char *file, unsigned line,
+                   const char *func) {
+  if (n->prev == nullptr) __assert_fail(expr, file, line, func);
+  DL_DELETE(*head, n);
   n->prev = nullptr;
   n->next = nullptr;
 }
@@ -51,8 +38,8 @@ inline void unlink_checked(Node **head, Node *n) {
 // (they belong to whoever linked them).
 template <typename Node>
 inline void clear(Node **head) {
-  for (Node *n = *head, *next; n != nullptr; n = next) {
-    next = n->next;
+  Node *n, *next;
+  DL_FOREACH_SAFE(*head, n, next) {
     n->prev = nullptr;
     n->next = nullptr;
   }
@@ -61,10 +48,7 @@ inline void clear(Node **head) {
 
 }  // namespace kelo::dlist
 
-// Unlinks node from the list at head, asserting that it is linked. The text of
-// expr is what the failed assertion prints, e.g. "(q)->prev != NULL".
-#define KELO_DLIST_UNLINK(head, node, expr)                                         \
-  do {                                                                              \
-    if ((node)->prev == nullptr) __assert_fail(expr, __FILE__, __LINE__, __func__); \
-    ::kelo::dlist::unlink_checked((head), (node));                                  \
-  } while (0)
+// Unlinks node from the list at head, asserting that it is linked; a failure
+// names the calling function and prints expr, e.g. "(q)->prev != NULL".
+#define KELO_DLIST_UNLINK(head, node, expr) \
+  ::kelo::dlist::unlink((head), (node), expr, __FILE__, __LINE__, __func__)

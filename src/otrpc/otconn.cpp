@@ -10,6 +10,7 @@
 #include <atomic>
 
 #include "common/dlist.h"
+#include "common/mutex_lock.h"
 #include "kelo/log.h"
 #include "otrpc/otmethod.h"
 #include "otrpc/otsocket.h"
@@ -35,6 +36,13 @@ constinit otsocket_close_hook g_close_hook = {nullptr, otconn_on_socket_closed, 
 constinit std::atomic<bool> g_async_on{false};
 constinit std::atomic<struct ev_loop *> g_loop{nullptr};
 
+// Send completions run inside the flush and may call into the registry
+// (otrpc_call, otrpc_register): its lock comes first here as everywhere.
+int flush_queue() {
+  MutexLock registry(otmethod_lock());
+  return otsocket_flush_immediate();
+}
+
 void otconn_set_state(int new_state) {
   if (new_state == g_state) return;
   int old_state = g_state;
@@ -51,22 +59,23 @@ void otconn_schedule_retry() {
   otconn_set_state(OTCONN_RETRY_WAIT);
   if (!ev_is_active(&g_timer)) {
     ev_timer_set(&g_timer, OTCONN_RETRY_DELAY, 0.0);
-    ev_timer_start(EV_DEFAULT_ &g_timer);
+    ev_timer_start(EV_DEFAULT, &g_timer);
   }
 }
 
 void otconn_stop() {
-  if (g_close_hook.prev != nullptr) KELO_DLIST_UNLINK(&otsocket_close_hooks, &g_close_hook, "(q)->prev != NULL");
+  if (g_close_hook.prev != nullptr)
+    KELO_DLIST_UNLINK(&otsocket_close_hooks, &g_close_hook, "(q)->prev != NULL");
   switch (g_state) {
     case OTCONN_IDLE:
       return;
     case OTCONN_CONNECTING:
     case OTCONN_CONNECTED:
-      ev_io_stop(EV_DEFAULT_ &g_io);
+      ev_io_stop(EV_DEFAULT, &g_io);
       otsocket_close();
       break;
     case OTCONN_RETRY_WAIT:
-      ev_timer_stop(EV_DEFAULT_ &g_timer);
+      ev_timer_stop(EV_DEFAULT, &g_timer);
       otconn_set_state(OTCONN_IDLE);
       break;
     default:
@@ -121,17 +130,18 @@ void otconn_on_io(struct ev_loop *, ev_io *w, int revents) {
 }
 
 void otconn_on_async(struct ev_loop *, ev_async *, int) {
+  otsocket_close_if_broken();
   if (g_state != OTCONN_CONNECTED) return;
-  int want = otsocket_flush_immediate() ? EV_READ | EV_WRITE : EV_READ;
+  int want = flush_queue() ? EV_READ | EV_WRITE : EV_READ;
   // A write error in the flush closes the socket and its hook may already
   // have moved on (reconnecting, or waiting to retry): only a connection
   // still up gets its watcher adjusted.
   int fd = otsocket_fd();
   if (g_state != OTCONN_CONNECTED || fd < 0) return;
   if ((g_io.events & (EV_READ | EV_WRITE)) != want || g_io.fd != fd) {
-    ev_io_stop(EV_DEFAULT_ &g_io);
+    ev_io_stop(EV_DEFAULT, &g_io);
     ev_io_set(&g_io, fd, want);
-    ev_io_start(EV_DEFAULT_ &g_io);
+    ev_io_start(EV_DEFAULT, &g_io);
   }
 }
 
@@ -145,7 +155,7 @@ int otconn_start() {
   switch (otsocket_connect()) {
     case 0:
       otconn_set_state(OTCONN_CONNECTED);
-      want_write = otsocket_flush_immediate() != 0;
+      want_write = flush_queue() != 0;
       break;
     case 1:
       otconn_set_state(OTCONN_CONNECTING);
@@ -162,16 +172,16 @@ int otconn_start() {
     otconn_schedule_retry();
     return -1;
   }
-  ev_io_stop(EV_DEFAULT_ &g_io);
+  ev_io_stop(EV_DEFAULT, &g_io);
   ev_io_init(&g_io, otconn_on_io, fd, want_write ? EV_READ | EV_WRITE : EV_READ);
-  ev_io_start(EV_DEFAULT_ &g_io);
+  ev_io_start(EV_DEFAULT, &g_io);
   if (g_close_hook.prev == nullptr) dlist::append(&otsocket_close_hooks, &g_close_hook);
   if (want_write) otconn_wakeup();
   return 0;
 }
 
 int otconn_on_socket_closed(void *) {
-  ev_io_stop(EV_DEFAULT_ &g_io);
+  ev_io_stop(EV_DEFAULT, &g_io);
   otconn_set_state(OTCONN_IDLE);
   otconn_stop();
   return otconn_start();
@@ -191,7 +201,7 @@ int otconn_init() {
 
 void otconn_fini() {
   g_async_on.store(false, std::memory_order_release);
-  ev_async_stop(EV_DEFAULT_ &g_async);
+  ev_async_stop(EV_DEFAULT, &g_async);
   otconn_stop();
   otsocket_fini();
   kelo::dlist::clear(&otrpc_on_state_changed);
@@ -210,7 +220,7 @@ void otconn_invoke_io_for_testing(int state, int fd, int revents) {
   g_state = state;
   ev_io w;
   ev_io_init(&w, otconn_on_io, fd, EV_READ);
-  otconn_on_io(EV_DEFAULT_ &w, revents);
+  otconn_on_io(EV_DEFAULT, &w, revents);
 }
 
 }  // namespace kelo::otrpc

@@ -11,8 +11,6 @@
 
 #include <atomic>
 
-#include <utlist.h>
-
 #include "common/dlist.h"
 #include "common/mutex_lock.h"
 #include "kelo/app.h"
@@ -59,18 +57,11 @@ void warn_not_built(const char *name) {
   log_warning("kelo_util: otrpc: Fail to register method \"%s\"\n", name);
 }
 
-// func names the caller in a failed assertion.
-void unlink_return(otmethod_return_ctx *ctx, const char *func) {
-  if (ctx->prev == nullptr) __assert_fail("(ctx)->prev != NULL", __FILE__, __LINE__, func);
-  DL_DELETE(g_returns, ctx);
-  ctx->prev = nullptr;
-  ctx->next = nullptr;
-}
-
 // Hands message (NULL: expiry) to every pending call that match selects, in
 // list order, and frees it. A callback may call again (appending, expiring):
 // each context leaves the list before its callback runs, and the walk starts
-// again from the head. Runs under the registry lock.
+// again from the head. Runs under the registry lock; func names the caller
+// in a failed assertion.
 template <typename Match>
 void finish_returns(Match match, json_object *message, const char *func) {
   for (otmethod_return_ctx *ctx = g_returns; ctx != nullptr;) {
@@ -78,7 +69,7 @@ void finish_returns(Match match, json_object *message, const char *func) {
       ctx = ctx->next;
       continue;
     }
-    unlink_return(ctx, func);
+    dlist::unlink(&g_returns, ctx, "(ctx)->prev != NULL", __FILE__, __LINE__, func);
     if (ctx->callback != nullptr) ctx->callback(ctx->arg, message);
     free(ctx);
     ctx = g_returns;
@@ -140,6 +131,8 @@ void handle_request(json_object *message, const char *name) {
 
 }  // namespace
 
+pthread_mutex_t *otmethod_lock() { return &g_lock; }
+
 void otmethod_entry_put(otmethod_entry *e) {
   MutexLock lock(&g_lock);
   if (--e->refs != 0) return;
@@ -198,7 +191,7 @@ void otmethod_register_return(int id, otrpc_return_cb callback, void *arg) {
   ctx->callback = callback;
   ctx->arg = arg;
   ctx->created = now;
-  DL_APPEND(g_returns, ctx);
+  dlist::append(&g_returns, ctx);
 }
 
 void invoke_return_ctx(int id, json_object *message) {
@@ -207,7 +200,7 @@ void invoke_return_ctx(int id, json_object *message) {
   finish_returns([id](const otmethod_return_ctx *c) { return c->id == id; }, message, __func__);
 }
 
-int otmethod_handle_message(json_object *message) {
+void otmethod_handle_message(json_object *message) {
   MutexLock lock(&g_lock);
   json_object *v = nullptr;
   if (json_object_object_get_ex(message, "method", &v)) {
@@ -216,7 +209,6 @@ int otmethod_handle_message(json_object *message) {
   } else if (json_object_object_get_ex(message, "id", &v)) {
     invoke_return_ctx(json_object_get_int(v), message);
   }
-  return -1;
 }
 
 void otmethod_age_returns_for_testing(int seconds) {

@@ -1,6 +1,7 @@
 // The method registry, outgoing calls and the handling of received messages.
 #pragma once
 
+#include <pthread.h>
 #include <stdint.h>
 #include <time.h>
 
@@ -31,13 +32,17 @@ struct otmethod_return_ctx {
   time_t created;
 };
 
+// The registry lock (recursive). Lock order: this one before the send queue's;
+// the flush takes it first so that send completions may call into the registry.
+pthread_mutex_t *otmethod_lock();
+
 int otmethod_init();
 void otmethod_fini();
 int otmethod_on_state_changed(void *ctx, int new_state, int old_state);
 void otmethod_entry_put(otmethod_entry *e);
 void otmethod_register_return(int id, otrpc_return_cb callback, void *arg);
 void invoke_return_ctx(int id, json_object *message);
-int otmethod_handle_message(json_object *message);
+void otmethod_handle_message(json_object *message);
 
 // For tests: shifts the creation time of every pending call back by seconds,
 // and counts the pending calls.

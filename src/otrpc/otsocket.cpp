@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "common/dlist.h"
 #include "common/mutex_lock.h"
 #include "common/sys_paths.h"
@@ -24,7 +26,15 @@ namespace {
 
 constexpr int kIoFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
 
+// The descriptor is opened and closed on the loop thread and read by senders
+// on any thread, all under the queue lock; so is the connection's generation,
+// which tells a socket from a later one that reuses its number.
 constinit int g_fd = -1;
+constinit uint32_t g_fd_gen = 0;
+constinit pthread_t g_fd_owner = {};  // the thread that opened it: the loop's
+// Generation of a socket that a send on another thread found broken, for the
+// loop thread to close (0: none).
+constinit std::atomic<uint32_t> g_close_gen{0};
 constinit otsocket_record *g_queue = nullptr;
 constinit int32_t g_queue_counter = 0;
 // Recursive from load time, so that a send before otrpc_init (or from a
@@ -90,14 +100,20 @@ int otsocket_connect() {
     close(fd);
     return -1;
   }
+  MutexLock lock(&g_queue_lock);
   g_fd = fd;
+  if (++g_fd_gen == 0) g_fd_gen = 1;
+  g_fd_owner = pthread_self();
   return r == 0 ? 0 : 1;
 }
 
 void otsocket_close() {
-  if (g_fd < 0) return;
-  close(g_fd);
-  g_fd = -1;
+  {
+    MutexLock lock(&g_queue_lock);
+    if (g_fd < 0) return;
+    close(g_fd);
+    g_fd = -1;
+  }
   // A hook may unlink itself and append itself again (otconn reconnects from
   // its hook); walking no further than the tail seen at the start keeps such
   // a hook from being called twice for one closing.
@@ -125,11 +141,11 @@ int otsocket_enqueue(const char *text, size_t len, otsocket_send_callback cb, vo
 
 namespace {
 
-// Writes what is left of rec; on a hard error the socket is closed now, or,
-// when close_later is given, left for the caller to close after it released
-// the queue lock (the close hooks reconnect and may take the registry lock,
-// which must never be taken while holding the queue lock).
-int write_record(otsocket_record *rec, bool *close_later) {
+// Writes what is left of rec, under the queue lock; a hard error sets
+// *broken, and the caller closes the socket once it released the lock (the
+// close hooks reconnect and take the registry lock, which is never taken
+// while holding the queue lock).
+int write_record(otsocket_record *rec, bool *broken) {
   log_debug("otrpc: sending %.*s", static_cast<int>(rec->end - rec->cursor), rec->cursor);
   while (rec->cursor != rec->end) {
     ssize_t n = send(g_fd, rec->cursor, static_cast<size_t>(rec->end - rec->cursor), kIoFlags);
@@ -139,10 +155,7 @@ int write_record(otsocket_record *rec, bool *close_later) {
     }
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) return -1;
-    if (close_later != nullptr)
-      *close_later = true;
-    else
-      otsocket_close();
+    *broken = true;
     return -1;
   }
   return 0;
@@ -150,17 +163,47 @@ int write_record(otsocket_record *rec, bool *close_later) {
 
 }  // namespace
 
-int otsocket_write_record(otsocket_record *rec) { return write_record(rec, nullptr); }
+int otsocket_write_record(otsocket_record *rec) {
+  bool broken = false;
+  uint32_t gen;
+  int r;
+  {
+    MutexLock lock(&g_queue_lock);
+    if (g_fd < 0) return -1;
+    gen = g_fd_gen;
+    r = write_record(rec, &broken);
+    if (!broken) return r;
+    if (!pthread_equal(pthread_self(), g_fd_owner)) {
+      // The close hooks drive the loop's watchers: on any other thread the
+      // loop closes the socket, woken through the connection's async watcher.
+      g_close_gen.store(gen, std::memory_order_relaxed);
+      otconn_wakeup();
+      return r;
+    }
+  }
+  otsocket_close();
+  return r;
+}
+
+void otsocket_close_if_broken() {
+  uint32_t gen = g_close_gen.exchange(0, std::memory_order_relaxed);
+  if (gen == 0) return;
+  {
+    MutexLock lock(&g_queue_lock);
+    if (gen != g_fd_gen) return;  // that socket is gone already
+  }
+  otsocket_close();
+}
 
 int otsocket_flush_immediate() {
-  bool close_later = false;
+  bool broken = false;
   int pending;
   {
     MutexLock lock(&g_queue_lock);
     if (g_fd < 0) return g_queue != nullptr ? 1 : 0;
     for (otsocket_record *rec = g_queue, *next; rec != nullptr; rec = next) {
       next = rec->next;
-      if (write_record(rec, &close_later) != 0) break;
+      if (write_record(rec, &broken) != 0) break;
       KELO_DLIST_UNLINK(&g_queue, rec, "(q)->prev != NULL");
       if (rec->callback != nullptr) rec->callback(rec->arg);
       // The callback may have cancelled or queued records: go on from the head.
@@ -169,12 +212,11 @@ int otsocket_flush_immediate() {
     }
     pending = g_queue != nullptr ? 1 : 0;
   }
-  if (close_later) otsocket_close();
+  if (broken) otsocket_close();
   return pending;
 }
 
 int otsocket_send_immediate(const char *text, size_t len) {
-  if (g_fd < 0) return -1;
   otsocket_record *rec = record_new(text, len, nullptr, nullptr);
   if (rec == nullptr) return -1;
   int r = otsocket_write_record(rec);
@@ -235,7 +277,8 @@ int otsocket_receive(int fd, json_object **out) {
       continue;
     }
     json_object *obj = json_tokener_parse_ex(g_tok, g_buf + g_rd, static_cast<int>(g_wr - g_rd));
-    g_rd += g_tok->char_offset > 0 ? static_cast<size_t>(g_tok->char_offset) : 1;
+    size_t used = json_tokener_get_parse_end(g_tok);
+    g_rd += used > 0 ? used : 1;
     if (g_rd > g_wr) g_rd = g_wr;
     if (obj != nullptr) {
       if (json_object_is_type(obj, json_type_object)) {

@@ -20,10 +20,10 @@ constexpr int OTSOCKET_TOKENER_DEPTH = 16;
 // One queued text. The text lives in the same heap block, right after the
 // record, sized exactly; it carries no terminating NUL.
 struct otsocket_record {
-  int32_t id;        // queue id, 1..2147483647; unused for an immediate send
+  int32_t id;  // queue id, 1..2147483647; unused for an immediate send
   char *data;
-  char *cursor;      // first byte not yet written
-  char *end;         // one past the last byte
+  char *cursor;  // first byte not yet written
+  char *end;     // one past the last byte
   otsocket_send_callback callback;
   void *arg;
   otsocket_record *prev;
@@ -47,8 +47,12 @@ void otsocket_close();
 // The open descriptor, or -1.
 int otsocket_fd();
 int otsocket_enqueue(const char *text, size_t len, otsocket_send_callback cb, void *arg);
-// 0 when the record was written whole, -1 otherwise.
+// 0 when the record was written whole, -1 otherwise; any thread. On a write
+// error the socket is closed at once on the loop thread; another thread
+// leaves that to the loop (see otsocket_close_if_broken) and wakes it.
 int otsocket_write_record(otsocket_record *rec);
+// Loop thread: closes the socket if a send on another thread found it broken.
+void otsocket_close_if_broken();
 // 1 when the queue is still non-empty afterwards, else 0.
 int otsocket_flush_immediate();
 int otsocket_send_immediate(const char *text, size_t len);
