@@ -7,6 +7,7 @@
 #   make test-armhf  cross build for the camera, tests under qemu-arm-static
 #   make bench       the benchmarks (optimised build)
 #   make fuzz        build the fuzz targets and run each briefly (FUZZ_SECONDS)
+#   make style       fail on code that clang-format would change or clang-tidy flags
 #   make deb         Debian packages for amd64 and armhf under build/deb/<arch>/
 
 JOBS ?= $(shell nproc)
@@ -14,7 +15,7 @@ FUZZ_SECONDS ?= 20
 DEPS = scripts/install-deps
 MAKEFLAGS += --no-print-directory
 
-.PHONY: all deps demo test test-asan test-tsan test-armhf bench fuzz release deb clean
+.PHONY: all deps demo test test-asan test-tsan test-armhf bench fuzz release deb style clean
 
 all: release
 
@@ -38,6 +39,11 @@ test:
 	@$(DEPS) test
 	$(call build,dev)
 	ctest --preset dev -j $(JOBS)
+
+style:
+	@$(DEPS) test
+	cmake --preset dev >/dev/null
+	@scripts/check-style build/dev
 
 test-asan:
 	@$(DEPS) test

@@ -124,7 +124,8 @@ void BM_Ascii2yuv_Render(benchmark::State &state) {
   const int ph = static_cast<int>(state.range(0));
   const int w = ph == 48 ? 420 : 140, h = ph == 48 ? 48 : 16;
   std::vector<unsigned char> canvas(static_cast<size_t>(w * h));
-  for (auto _ : state) benchmark::DoNotOptimize(osd_render_text(font, len, 0, canvas.data(), ph, w, h, kStamp));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(osd_render_text(font, len, 0, canvas.data(), ph, w, h, kStamp));
   free(font);
 }
 BENCHMARK(BM_Ascii2yuv_Render)->Arg(16)->Arg(48);

@@ -235,7 +235,9 @@ void BM_FourSenders(benchmark::State &state) {
         ssize_t r = recv(s.agent_fd, buf + keep, 65536, 0);
         if (r <= 0) abort();
         size_t len = keep + static_cast<size_t>(r);
-        for (const char *q = buf; (q = static_cast<const char *>(memmem(q, len - (q - buf), kMark, 6))); q += 6) ++n;
+        for (const char *q = buf; (q = static_cast<const char *>(memmem(q, len - (q - buf), kMark, 6)));
+             q += 6)
+          ++n;
         keep = len < 5 ? len : 5;
         memmove(buf, buf + len - keep, keep);
       }

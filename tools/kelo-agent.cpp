@@ -709,9 +709,7 @@ int main(int argc, char **argv) {
   long v = 0;
   while ((c = getopt_long(argc, argv, "l:p:s:t:h", longopts, nullptr)) != -1) {
     switch (c) {
-      case 'l':
-        A.listen_addr = optarg;
-        break;
+      case 'l': A.listen_addr = optarg; break;
       case 'p':
         if (!parse_ms(optarg, v) || v > 65535) {
           fprintf(stderr, "kelo-agent: bad port %s\n", optarg);
@@ -719,9 +717,7 @@ int main(int argc, char **argv) {
         }
         A.port = static_cast<int>(v);
         break;
-      case 's':
-        script = optarg;
-        break;
+      case 's': script = optarg; break;
       case 't':
         if (!parse_ms(optarg, v)) {
           fprintf(stderr, "kelo-agent: bad timeout %s\n", optarg);
@@ -729,15 +725,9 @@ int main(int argc, char **argv) {
         }
         A.expect_timeout = static_cast<double>(v) / 1000.0;
         break;
-      case 'P':
-        pretty = true;
-        break;
-      case 'h':
-        usage(stdout);
-        return 0;
-      default:
-        usage(stderr);
-        return 2;
+      case 'P': pretty = true; break;
+      case 'h': usage(stdout); return 0;
+      default: usage(stderr); return 2;
     }
   }
   signal(SIGPIPE, SIG_IGN);

@@ -48,9 +48,11 @@ void canvas_size(int pixel_height, int &w, int &h) {
 }
 
 // Top-down 1555 bitmap of text, or empty on failure (reason printed).
-std::vector<uint16_t> render(const std::string &text, int pixel_height, const char *font_path, int &w, int &h) {
+std::vector<uint16_t> render(const std::string &text, int pixel_height, const char *font_path, int &w,
+                             int &h) {
   if (font_path == nullptr) {
-    uint16_t *bmp = Ascii2Bitmap1555(text.c_str(), static_cast<int>(text.size()), &w, &h, pixel_height, false);
+    uint16_t *bmp =
+        Ascii2Bitmap1555(text.c_str(), static_cast<int>(text.size()), &w, &h, pixel_height, false);
     if (bmp == nullptr) {
       fprintf(stderr, "kelo-osd: cannot render with the device's font (try --font)\n");
       return {};
@@ -84,8 +86,10 @@ bool write_png(const char *path, const std::vector<uint16_t> &bmp, int w, int h,
   std::vector<unsigned char> rgb(static_cast<size_t>(sw) * static_cast<size_t>(sh) * 3);
   for (int y = 0; y < sh; ++y)
     for (int x = 0; x < sw; ++x) {
-      const uint16_t p = bmp[static_cast<size_t>((y / scale) * w + x / scale)];
-      unsigned char *o = &rgb[(static_cast<size_t>(y) * static_cast<size_t>(sw) + static_cast<size_t>(x)) * 3];
+      const uint16_t p =
+          bmp[static_cast<size_t>(y / scale) * static_cast<size_t>(w) + static_cast<size_t>(x / scale)];
+      unsigned char *o =
+          &rgb[(static_cast<size_t>(y) * static_cast<size_t>(sw) + static_cast<size_t>(x)) * 3];
       o[0] = static_cast<unsigned char>(((p >> 10) & 31) << 3 | ((p >> 12) & 7));
       o[1] = static_cast<unsigned char>(((p >> 5) & 31) << 3 | ((p >> 7) & 7));
       o[2] = static_cast<unsigned char>((p & 31) << 3 | ((p >> 2) & 7));
@@ -108,11 +112,13 @@ bool write_nv12(const char *path, const std::vector<uint16_t> &bmp, int w, int h
 }  // namespace
 
 int main(int argc, char **argv) {
-  static const struct option longopts[] = {
-      {"size", required_argument, nullptr, 's'}, {"font", required_argument, nullptr, 'f'},
-      {"out", required_argument, nullptr, 'o'},  {"scale", required_argument, nullptr, 'x'},
-      {"nv12", required_argument, nullptr, 'n'}, {"help", no_argument, nullptr, 'h'},
-      {nullptr, 0, nullptr, 0}};
+  static const struct option longopts[] = {{"size", required_argument, nullptr, 's'},
+                                           {"font", required_argument, nullptr, 'f'},
+                                           {"out", required_argument, nullptr, 'o'},
+                                           {"scale", required_argument, nullptr, 'x'},
+                                           {"nv12", required_argument, nullptr, 'n'},
+                                           {"help", no_argument, nullptr, 'h'},
+                                           {nullptr, 0, nullptr, 0}};
   int pixel_height = 16, scale = 1;
   const char *font = nullptr, *out = "osd.png", *nv12 = nullptr;
   for (int c; (c = getopt_long(argc, argv, "s:f:o:x:n:h", longopts, nullptr)) != -1;) {

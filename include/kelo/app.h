@@ -15,11 +15,11 @@ struct otrpc_method;
 /* One per service, normally a static object that lives as long as the
  * process: the library keeps a pointer to it, not a copy. */
 typedef struct app_desc {
-  int32_t state;                       /* 1 between app_init and the end of app_fini */
-  struct opt_record *options;          /* option table, or NULL: argv is not parsed */
-  int32_t facility;                    /* syslog facility code (LOG_USER is 8); 0 becomes 8 */
-  char name[16];                       /* syslog ident and usage name; empty: the thread's name */
-  const struct otrpc_method *methods;  /* RPC methods; non-NULL switches the RPC client on */
+  int32_t state;                      /* 1 between app_init and the end of app_fini */
+  struct opt_record *options;         /* option table, or NULL: argv is not parsed */
+  int32_t facility;                   /* syslog facility code (LOG_USER is 8); 0 becomes 8 */
+  char name[16];                      /* syslog ident and usage name; empty: the thread's name */
+  const struct otrpc_method *methods; /* RPC methods; non-NULL switches the RPC client on */
 } app_desc;
 
 /* The descriptor given to app_init; NULL before. Never cleared. */
@@ -40,10 +40,10 @@ KELO_EXPORT void app_fini(void);
 /* ---- command-line options ---------------------------------------------- */
 
 enum {
-  OPT_ARG = 0,      /* required argument */
-  OPT_NOARG = 1,    /* no argument */
-  OPT_OPTARG = 2,   /* optional argument (--name=value only) */
-  OPT_REQUIRED = 3  /* required argument, and the option itself is required */
+  OPT_ARG = 0,     /* required argument */
+  OPT_NOARG = 1,   /* no argument */
+  OPT_OPTARG = 2,  /* optional argument (--name=value only) */
+  OPT_REQUIRED = 3 /* required argument, and the option itself is required */
 };
 
 typedef void (*opt_store_fn)(struct opt_record *rec, const char *arg, void *dest);
@@ -52,14 +52,14 @@ typedef void (*opt_store_fn)(struct opt_record *rec, const char *arg, void *dest
  * arguments left after the options; a record with neither name nor store ends
  * the table. */
 typedef struct opt_record {
-  const char *long_name;  /* without dashes, or NULL */
-  char short_name;        /* letter, or 0 */
-  uint32_t type;          /* OPT_*; only the low two bits count */
-  void *dest;             /* third argument of store */
-  opt_store_fn store;     /* NULL: accepted and ignored */
+  const char *long_name; /* without dashes, or NULL */
+  char short_name;       /* letter, or 0 */
+  uint32_t type;         /* OPT_*; only the low two bits count */
+  void *dest;            /* third argument of store */
+  opt_store_fn store;    /* NULL: accepted and ignored */
   const char *help;
-  int32_t seen;           /* 0 as declared; a store callback of an OPT_REQUIRED
-                             option sets it to 1 to satisfy the required check */
+  int32_t seen; /* 0 as declared; a store callback of an OPT_REQUIRED
+                   option sets it to 1 to satisfy the required check */
 } opt_record;
 
 /* Parses argv against table (ended by a terminator record). Returns 0, or -2

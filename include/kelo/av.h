@@ -17,12 +17,12 @@
 
 KELO_BEGIN_DECLS
 
-#define AV_PACKET_MAGIC     0x4f4c454bu /* "KELO" read as a little-endian word */
-#define AV_PACKET_TRAILER   0x0000a5a5u
-#define AV_CMD_HEADER_SIZE  16 /* payload offset of a command */
-#define AV_ACK_HEADER_SIZE  20 /* payload offset of an acknowledgement */
-#define AV_CMD_MIN_SIZE     20 /* command with an empty payload */
-#define AV_ACK_MIN_SIZE     24 /* acknowledgement with an empty payload */
+#define AV_PACKET_MAGIC    0x4f4c454bu /* "KELO" read as a little-endian word */
+#define AV_PACKET_TRAILER  0x0000a5a5u
+#define AV_CMD_HEADER_SIZE 16 /* payload offset of a command */
+#define AV_ACK_HEADER_SIZE 20 /* payload offset of an acknowledgement */
+#define AV_CMD_MIN_SIZE    20 /* command with an empty payload */
+#define AV_ACK_MIN_SIZE    24 /* acknowledgement with an empty payload */
 
 /* Header layouts, for readers that map a received packet. */
 struct av_cmd_header {

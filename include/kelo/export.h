@@ -6,7 +6,7 @@
 
 #ifdef __cplusplus
 #define KELO_BEGIN_DECLS extern "C" {
-#define KELO_END_DECLS }
+#define KELO_END_DECLS   }
 #else
 #define KELO_BEGIN_DECLS
 #define KELO_END_DECLS

@@ -13,12 +13,12 @@ KELO_BEGIN_DECLS
 
 /* Flags of file_get_contents / file_put_contents (unknown bits ignored).
  * Locks: (flags & 6) == 4 takes LOCK_SH, 2 or 6 take LOCK_EX. */
-#define FILE_APPEND    0x01 /* put: O_APPEND */
-#define FILE_LOCK_EX   0x02 /* exclusive flock before reading or writing */
-#define FILE_LOCK_SH   0x04 /* shared flock */
-#define FILE_EXCL      0x08 /* put: O_EXCL */
-#define FILE_SYNC      0x10 /* put: O_SYNC */
-#define FILE_NO_TRUNC  0x20 /* put: no O_TRUNC */
+#define FILE_APPEND   0x01 /* put: O_APPEND */
+#define FILE_LOCK_EX  0x02 /* exclusive flock before reading or writing */
+#define FILE_LOCK_SH  0x04 /* shared flock */
+#define FILE_EXCL     0x08 /* put: O_EXCL */
+#define FILE_SYNC     0x10 /* put: O_SYNC */
+#define FILE_NO_TRUNC 0x20 /* put: no O_TRUNC */
 
 /* One read of at most size - 1 bytes, NUL-terminated. Returns the bytes
  * read, or -1 (logged) on a failed open or read; -1 with EINVAL for a NULL

@@ -3,17 +3,17 @@
 #define KELO_KELO_H
 
 #include <kelo/app.h>
-#include <kelo/log.h>
-#include <kelo/rand.h>
-#include <kelo/devinfo.h>
-#include <kelo/otrpc.h>
 #include <kelo/av.h>
-#include <kelo/osd.h>
-#include <kelo/time.h>
+#include <kelo/devinfo.h>
 #include <kelo/encoding.h>
-#include <kelo/md5.h>
 #include <kelo/file.h>
-#include <kelo/net.h>
+#include <kelo/log.h>
+#include <kelo/md5.h>
 #include <kelo/mem.h>
+#include <kelo/net.h>
+#include <kelo/osd.h>
+#include <kelo/otrpc.h>
+#include <kelo/rand.h>
+#include <kelo/time.h>
 
 #endif

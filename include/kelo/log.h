@@ -31,13 +31,12 @@ KELO_EXPORT int log_set_syslog_level(int level);
 KELO_EXPORT void log_set_facility(int facility);
 KELO_EXPORT int log_get_facility(void);
 
-#define KELO_LOG_DECLARE(lvl)                                                          \
-  KELO_EXPORT void log_##lvl(const char *fmt, ...) __attribute__((format(printf, 1, 2))); \
-  KELO_EXPORT void log_v##lvl(const char *fmt, va_list ap)                              \
-      __attribute__((format(printf, 1, 0)));                                            \
-  KELO_EXPORT void log_p##lvl(const char *prefix, const char *fmt, ...)                 \
-      __attribute__((format(printf, 2, 3)));                                            \
-  KELO_EXPORT void log_vp##lvl(const char *prefix, const char *fmt, va_list ap)         \
+#define KELO_LOG_DECLARE(lvl)                                                                     \
+  KELO_EXPORT void log_##lvl(const char *fmt, ...) __attribute__((format(printf, 1, 2)));         \
+  KELO_EXPORT void log_v##lvl(const char *fmt, va_list ap) __attribute__((format(printf, 1, 0))); \
+  KELO_EXPORT void log_p##lvl(const char *prefix, const char *fmt, ...)                           \
+      __attribute__((format(printf, 2, 3)));                                                      \
+  KELO_EXPORT void log_vp##lvl(const char *prefix, const char *fmt, va_list ap)                   \
       __attribute__((format(printf, 2, 0)));
 
 /* log_emerg (0) .. log_debug (7), each as plain, v, p (prefix) and vp. The

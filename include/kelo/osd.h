@@ -33,8 +33,9 @@ KELO_EXPORT uint16_t *Ascii2Bitmap1555(const char *text, int len, int *width, in
  * top row (':' lower than the digits); the pen moves by fixed advances.
  * Returns the final pen position (the sum of the advances), or -1 when the
  * font cannot be used. Glyphs are cut at the canvas edges. */
-KELO_EXPORT int osd_render_text(const unsigned char *font, size_t font_len, int font_offset, unsigned char *canvas,
-                                float pixel_height, int width, int height, const char *text);
+KELO_EXPORT int osd_render_text(const unsigned char *font, size_t font_len, int font_offset,
+                                unsigned char *canvas, float pixel_height, int width, int height,
+                                const char *text);
 
 /* Converts a 16-bit ARGB1555 pixel array laid out like a BMP's (rows of
  * 2 x width bytes, padded to a multiple of 4; the last row in memory is the

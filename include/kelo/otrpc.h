@@ -17,18 +17,14 @@ struct json_object;
 #define OTRPC_AGENT_PORT 54320
 
 /* Connection states, as state hooks receive them. */
-enum {
-  OTCONN_IDLE = 0,
-  OTCONN_CONNECTING = 1,
-  OTCONN_CONNECTED = 2,
-  OTCONN_RETRY_WAIT = 3
-};
+enum { OTCONN_IDLE = 0, OTCONN_CONNECTING = 1, OTCONN_CONNECTED = 2, OTCONN_RETRY_WAIT = 3 };
 
 /* Handler results with a meaning of their own; 0 replies "result": ["OK"],
  * any other value replies "error": {"code": value}. */
 #define OTRPC_RET_SEND_REPLY 0x7fffffff /* send the reply object as filled */
-#define OTRPC_RET_NO_REPLY 0x7ffffffe   /* send nothing now (the handler took a
-                                           reference and replies later) */
+#define OTRPC_RET_NO_REPLY                           \
+  0x7ffffffe /* send nothing now (the handler took a \
+                reference and replies later) */
 
 /* Method flags. */
 #define OTRPC_METHOD_NO_NOTIFY 0x1u /* ignore requests without "id" */

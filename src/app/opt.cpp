@@ -108,7 +108,8 @@ KELO_EXPORT int opt_parse(int argc, char **argv, opt_record *table) {
     }
   }
 
-  kelo::FreePtr<struct option> longopts(static_cast<struct option *>(calloc(n_long + 1, sizeof(struct option))));
+  kelo::FreePtr<struct option> longopts(
+      static_cast<struct option *>(calloc(n_long + 1, sizeof(struct option))));
   kelo::FreePtr<char> shortopts(static_cast<char *>(calloc(n_noarg + 1 + 3 * n_opt + 2 * n_arg, 1)));
   // The sizes above are a few bytes per record; running out of memory here is
   // not survivable anyway, and writing through NULL would be worse.

@@ -27,8 +27,8 @@ constexpr unsigned char kMagic[4] = {'K', 'E', 'L', 'O'};
 
 // Words sit at any alignment (the trailer follows the payload directly).
 uint32_t load32(const unsigned char *p) {
-  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+         static_cast<uint32_t>(p[3]) << 24;
 }
 
 void store32(unsigned char *p, uint32_t v) {

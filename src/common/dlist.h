@@ -11,8 +11,10 @@
 
 // <assert.h> declares this only without NDEBUG; the unlink check aborts in
 // every build, so declare it here too (same signature as glibc's).
+#ifdef NDEBUG
 extern "C" void __assert_fail(const char *assertion, const char *file, unsigned int line,
                               const char *function) noexcept __attribute__((__noreturn__));
+#endif
 
 namespace kelo::dlist {
 

@@ -5,12 +5,9 @@ namespace kelo::sys {
 namespace {
 
 constinit Paths g_paths = {
-    "/dev/shm/kelo-",
-    "/etc/os-release",
-    "/proc/net/wireless",
-    "/mnt/data/data/font/QZ_LanTing_Light_Camera.ttf",
-    "127.0.0.1",
-    54320,
+    "/dev/shm/kelo-",     "/etc/os-release",
+    "/proc/net/wireless", "/mnt/data/data/font/QZ_LanTing_Light_Camera.ttf",
+    "127.0.0.1",          54320,
 };
 
 }  // namespace

@@ -8,12 +8,12 @@
 namespace kelo::sys {
 
 struct Paths {
-  const char *shm_prefix;     // region files are "<shm_prefix><name>"
+  const char *shm_prefix;  // region files are "<shm_prefix><name>"
   const char *os_release;
   const char *proc_wireless;
   const char *font;
-  const char *agent_addr;     // dotted IPv4
-  uint16_t agent_port;        // host byte order
+  const char *agent_addr;  // dotted IPv4
+  uint16_t agent_port;     // host byte order
 };
 
 // The paths in force (the device's unless a test replaced them).

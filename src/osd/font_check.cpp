@@ -18,7 +18,7 @@ namespace {
 // Composite glyphs nest a few levels in real fonts; stb_truetype follows
 // them recursively without a limit.
 constexpr int kMaxDepth = 8;
-constexpr int kMaxComponents = 1024;   // per drawn glyph, all levels
+constexpr int kMaxComponents = 1024;     // per drawn glyph, all levels
 constexpr int64_t kMaxPoints = 1 << 12;  // outline points per drawn glyph, all levels
 
 class Reader {
@@ -88,7 +88,7 @@ bool check_init(Font &f) {
     const char *tag;
     uint32_t *into;
     uint32_t min_len;
-  } tables[] = {{"cmap", &f.cmap, 4}, {"loca", &f.loca, 0}, {"head", &f.head, 54},
+  } tables[] = {{"cmap", &f.cmap, 4}, {"loca", &f.loca, 0},  {"head", &f.head, 54},
                 {"glyf", &f.glyf, 0}, {"hhea", &f.hhea, 36}, {"hmtx", &f.hmtx, 0}};
   for (const auto &t : tables) {
     if (!find_table(f, t.tag, *t.into) || *t.into == 0) return false;
@@ -169,7 +169,8 @@ bool check_glyph_index(const Font &f, uint32_t cp, int64_t &glyph) {
     search += 2;
     const int64_t item = static_cast<uint16_t>((search - end_count) >> 1);
     uint32_t start, last, offset;
-    if (!r.u16(im + 14 + segcount * 2 + 2 + 2 * item, start) || !r.u16(end_count + 2 * item, last)) return false;
+    if (!r.u16(im + 14 + segcount * 2 + 2 + 2 * item, start) || !r.u16(end_count + 2 * item, last))
+      return false;
     if (cp < start || cp > last) return true;
     if (!r.u16(im + 14 + segcount * 6 + 2 + 2 * item, offset)) return false;
     if (offset == 0) {
@@ -355,8 +356,9 @@ bool check_shape(Font &f, int64_t glyph, int depth, Box &box) {
     } else {
       uint32_t ua, ub;
       if (!f.r.u8(comp, ua) || !f.r.u8(comp + 1, ub)) return false;
-      a = static_cast<int8_t>(ua);
-      b = static_cast<int8_t>(ub);
+      // Signed bytes, sign-extended without going through a char type.
+      a = static_cast<int32_t>(ua ^ 0x80u) - 0x80;
+      b = static_cast<int32_t>(ub ^ 0x80u) - 0x80;
       comp += 2;
     }
     mtx[4] = static_cast<float>(a);

@@ -21,18 +21,18 @@ namespace {
 // Fixed rows and advances instead of the font's metrics: ':' sits lower than
 // the digits and digits look monospaced whatever the font.
 struct Placement {
-  int top_colon;      // top row of a ':' glyph
-  int top_other;      // top row of any other glyph
-  int before_colon;   // advance when the next character is ':'
-  int after_slash;    // advance after '/'
-  int after_colon;    // advance after ':'
-  int after_other;    // advance after any other character
+  int top_colon;     // top row of a ':' glyph
+  int top_other;     // top row of any other glyph
+  int before_colon;  // advance when the next character is ':'
+  int after_slash;   // advance after '/'
+  int after_colon;   // advance after ':'
+  int after_other;   // advance after any other character
 };
 constexpr Placement kCanvas48{15, 10, 26, 16, 12, 24};
 constexpr Placement kCanvas16{5, 3, 9, 5, 4, 8};
 
-constexpr uint16_t kInk = 0xFFFF;     // alpha, white
-constexpr uint16_t kPaper = 0x8000;   // alpha, black
+constexpr uint16_t kInk = 0xFFFF;    // alpha, white
+constexpr uint16_t kPaper = 0x8000;  // alpha, black
 
 // The font file whole, as stb_file reads it. Only regular files: stb_file
 // sizes its buffer by seeking, which a pipe or device answers with -1 and
@@ -48,8 +48,9 @@ char *read_font(const char *path, size_t *len) {
 
 extern "C" {
 
-KELO_EXPORT int osd_render_text(const unsigned char *font, size_t font_len, int font_offset, unsigned char *canvas,
-                                float pixel_height, int width, int height, const char *text) {
+KELO_EXPORT int osd_render_text(const unsigned char *font, size_t font_len, int font_offset,
+                                unsigned char *canvas, float pixel_height, int width, int height,
+                                const char *text) {
   using namespace kelo::osd;
   // stb_truetype reads wherever the font's offsets point: check them first.
   if (!font_usable(font, font_len, font_offset, text)) return -1;
@@ -116,14 +117,17 @@ KELO_EXPORT uint16_t *Ascii2Bitmap1555(const char *text, int len, int *width, in
   const int h = pixel_height == 48 ? 48 : 16;
   if (width) *width = w;
   if (height) *height = h;
-  kelo::FreePtr<unsigned char> canvas(static_cast<unsigned char *>(malloc(static_cast<size_t>(w * h))));
+  kelo::FreePtr<unsigned char> canvas(
+      static_cast<unsigned char *>(malloc(static_cast<size_t>(w) * static_cast<size_t>(h))));
   if (!canvas) return nullptr;
   // A font that cannot be used frees the font and canvas too (older builds
   // leaked both here).
-  if (osd_render_text(font.get(), font_len, 0, canvas.get(), static_cast<float>(pixel_height), w, h, text) < 0)
+  if (osd_render_text(font.get(), font_len, 0, canvas.get(), static_cast<float>(pixel_height), w, h, text) <
+      0)
     return nullptr;
   font.reset();
-  auto *out = static_cast<uint16_t *>(calloc(static_cast<size_t>(w * h), sizeof(uint16_t)));
+  auto *out =
+      static_cast<uint16_t *>(calloc(static_cast<size_t>(w) * static_cast<size_t>(h), sizeof(uint16_t)));
   if (out == nullptr) return nullptr;
   const unsigned char *cov = canvas.get();
   for (int r = 0; r < h; ++r) {

@@ -16,7 +16,9 @@ namespace {
 // (5-bit ones shifted left by 3, low bits left clear), arithmetic shifts, Cb
 // and Cr stored modulo 256. Do not round or clamp differently: the overlay
 // colours are matched against these values.
-inline uint8_t luma(int r, int g, int b) { return static_cast<uint8_t>(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16); }
+inline uint8_t luma(int r, int g, int b) {
+  return static_cast<uint8_t>(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16);
+}
 inline uint8_t chroma_b(int r, int g, int b) {
   return static_cast<uint8_t>(((-38 * r - 74 * g + 112 * b + 128) >> 8) - 128);
 }

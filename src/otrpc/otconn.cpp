@@ -67,8 +67,7 @@ void otconn_stop() {
   if (g_close_hook.prev != nullptr)
     KELO_DLIST_UNLINK(&otsocket_close_hooks, &g_close_hook, "(q)->prev != NULL");
   switch (g_state) {
-    case OTCONN_IDLE:
-      return;
+    case OTCONN_IDLE: return;
     case OTCONN_CONNECTING:
     case OTCONN_CONNECTED:
       ev_io_stop(EV_DEFAULT, &g_io);
@@ -78,8 +77,7 @@ void otconn_stop() {
       ev_timer_stop(EV_DEFAULT, &g_timer);
       otconn_set_state(OTCONN_IDLE);
       break;
-    default:
-      break;
+    default: break;
   }
   otconn_set_state(OTCONN_IDLE);
 }
@@ -87,9 +85,7 @@ void otconn_stop() {
 void otconn_on_io(struct ev_loop *, ev_io *w, int revents) {
   switch (g_state) {
     case OTCONN_IDLE:
-    case OTCONN_RETRY_WAIT:
-      log_err("kelo_util: otrpc: Unexpected EV_WRITE event.\n");
-      abort();
+    case OTCONN_RETRY_WAIT: log_err("kelo_util: otrpc: Unexpected EV_WRITE event.\n"); abort();
     case OTCONN_CONNECTING: {
       if (!(revents & (EV_WRITE | EV_ERROR))) {
         log_err("kelo_util: otconn: the first socket event must be EV_WRITE or EV_ERROR.");
@@ -124,8 +120,7 @@ void otconn_on_io(struct ev_loop *, ev_io *w, int revents) {
       }
       otconn_wakeup();
       return;
-    default:
-      return;
+    default: return;
   }
 }
 
@@ -161,9 +156,7 @@ int otconn_start() {
       otconn_set_state(OTCONN_CONNECTING);
       want_write = true;
       break;
-    default:
-      otconn_schedule_retry();
-      return -1;
+    default: otconn_schedule_retry(); return -1;
   }
   int fd = otsocket_fd();
   if (fd < 0) {

@@ -201,13 +201,12 @@ int otsocket_flush_immediate() {
   {
     MutexLock lock(&g_queue_lock);
     if (g_fd < 0) return g_queue != nullptr ? 1 : 0;
-    for (otsocket_record *rec = g_queue, *next; rec != nullptr; rec = next) {
-      next = rec->next;
+    // The callback may have cancelled or queued records: each round starts
+    // again from the head.
+    for (otsocket_record *rec = g_queue; rec != nullptr; rec = g_queue) {
       if (write_record(rec, &broken) != 0) break;
       KELO_DLIST_UNLINK(&g_queue, rec, "(q)->prev != NULL");
       if (rec->callback != nullptr) rec->callback(rec->arg);
-      // The callback may have cancelled or queued records: go on from the head.
-      next = g_queue;
       free(rec);
     }
     pending = g_queue != nullptr ? 1 : 0;

@@ -16,7 +16,8 @@ constexpr unsigned char kOther = 255;  // every byte outside the alphabet
 constexpr std::array<unsigned char, 256> make_decode_table() {
   std::array<unsigned char, 256> t{};
   for (auto &v : t) v = kOther;
-  for (unsigned i = 0; i < 64; ++i) t[static_cast<unsigned char>(kAlphabet[i])] = static_cast<unsigned char>(i);
+  for (unsigned i = 0; i < 64; ++i)
+    t[static_cast<unsigned char>(kAlphabet[i])] = static_cast<unsigned char>(i);
   t[0] = kPad;
   t['='] = kPad;
   return t;

@@ -155,7 +155,9 @@ KELO_EXPORT void MD5Init(MD5_CTX *ctx) {
   ctx->state[3] = 0x10325476;
 }
 
-KELO_EXPORT void MD5Update(MD5_CTX *ctx, const unsigned char *input, unsigned int len) { update(ctx, input, len); }
+KELO_EXPORT void MD5Update(MD5_CTX *ctx, const unsigned char *input, unsigned int len) {
+  update(ctx, input, len);
+}
 
 KELO_EXPORT void MD5Final(MD5_CTX *ctx, unsigned char digest[16]) {
   unsigned char bits[8];
@@ -179,7 +181,8 @@ KELO_EXPORT void MD5Encode(unsigned char *out, const uint32_t *in, unsigned int 
 KELO_EXPORT void MD5Decode(uint32_t *out, const unsigned char *in, unsigned int len) {
   // Whole words only: a trailing partial word would be read past len.
   for (unsigned int i = 0, j = 0; len - j >= 4 && j < len; ++i, j += 4)
-    out[i] = uint32_t{in[j]} | (uint32_t{in[j + 1]} << 8) | (uint32_t{in[j + 2]} << 16) | (uint32_t{in[j + 3]} << 24);
+    out[i] = uint32_t{in[j]} | (uint32_t{in[j + 1]} << 8) | (uint32_t{in[j + 2]} << 16) |
+             (uint32_t{in[j + 3]} << 24);
 }
 
 }  // extern "C"
