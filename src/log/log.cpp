@@ -240,11 +240,22 @@ void start_locked() {
   g_initialised.store(true, std::memory_order_release);
 }
 
+// Set on the thread that is running a start-up: a handler whose acquire logs
+// meanwhile writes through the table as it stands instead of waiting for the
+// start lock that its own thread holds.
+constinit thread_local bool t_starting = false;
+
+void start_guarded() {
+  t_starting = true;
+  start_locked();
+  t_starting = false;
+}
+
 // The lazy start: exactly one of the threads that log first starts logging.
 void ensure_started() {
-  if (g_initialised.load(std::memory_order_acquire)) return;
+  if (g_initialised.load(std::memory_order_acquire) || t_starting) return;
   MutexLock lock(&g_start_lock);
-  if (!g_initialised.load(std::memory_order_relaxed)) start_locked();
+  if (!g_initialised.load(std::memory_order_relaxed)) start_guarded();
 }
 
 }  // namespace
@@ -292,7 +303,7 @@ log_handler *stream_create(FILE *stream) { return new_file_handler(nullptr, stre
 
 void init() {
   MutexLock lock(&g_start_lock);
-  start_locked();
+  start_guarded();
 }
 
 void fini() {

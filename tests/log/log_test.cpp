@@ -141,6 +141,24 @@ TEST(LogHandler, AcquireAndReleaseAreCountedPerLevel) {
   EXPECT_EQ(bodies(r.err, 0), "[ emerg] m0\n");
 }
 
+// A service handler that logs from its release while the first start replaces
+// it: the nested call writes through the table as it stands, without waiting
+// for the start lock its own thread holds.
+TEST(LogStart, HandlerThatLogsDuringTheFirstStart) {
+  Sandbox sb;
+  auto r = run_child(
+      [] {
+        env("-", "7");
+        static log_handler h = {nullptr, [](log_handler *) { log_debug("nested"); }, nullptr, nullptr};
+        log_set_handler(0x01, &h);
+        log_emerg("first");
+        printf("done");
+      },
+      5);
+  EXPECT_EQ(r.out, "done") << r.err;
+  EXPECT_EQ(bodies(r.err, 0), "[ emerg] first\n");
+}
+
 TEST(LogFile, AppendsWholeLinesAndIgnoresTheSystemLogThreshold) {
   Sandbox sb;
   sb.write_file("svc.log", "earlier\n");
