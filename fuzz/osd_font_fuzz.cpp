@@ -1,15 +1,15 @@
 // Arbitrary bytes as the font: osd_render_text must answer -1 or draw, and
 // never read outside the font data.
 //
-// stb_truetype is compiled into this program (it takes precedence over the
-// shared libstb), so that the sanitizers see its reads and its assertions.
+// This holds the font checker (src/osd/font_check.cpp) to the rasteriser it
+// guards: both come from the same stb_truetype.h, compiled into the library
+// (src/osd/stb_libs.c) and here instrumented with it, so any font the checker
+// lets through and stb_truetype then reads out of bounds, recurses on or
+// asserts on is a finding.
 #include <limits.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-
-#define STB_TRUETYPE_IMPLEMENTATION
-#include <stb_truetype.h>
 
 #include "kelo/osd.h"
 

@@ -242,8 +242,11 @@ void start_locked() {
 
 // Set on the thread that is running a start-up: a handler whose acquire logs
 // meanwhile writes through the table as it stands instead of waiting for the
-// start lock that its own thread holds.
-constinit thread_local bool t_starting = false;
+// start lock that its own thread holds. Initial-exec: the library is loaded
+// with the process, so the flag sits in static TLS and is reached without a
+// call into the dynamic linker (a dlopen finds room for one byte in glibc's
+// static TLS reserve).
+constinit thread_local bool t_starting __attribute__((tls_model("initial-exec"))) = false;
 
 void start_guarded() {
   t_starting = true;
