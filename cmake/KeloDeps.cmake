@@ -18,7 +18,7 @@ target_include_directories(kelo::ev INTERFACE ${KELO_EV_INCLUDE})
 target_link_libraries(kelo::ev INTERFACE ev m)
 
 # stb is header-only here: its libraries are compiled into ours
-# (src/osd/stb_libs.c, src/osd/stb_file.c), never linked from libstb.so.0.
+# (src/osd/stb_libs.cpp, src/osd/stb_file.c), never linked from libstb.so.0.
 find_path(KELO_STB_INCLUDE stb_truetype.h PATH_SUFFIXES stb REQUIRED)
 add_library(kelo::stb INTERFACE IMPORTED)
 target_include_directories(kelo::stb INTERFACE ${KELO_STB_INCLUDE})

@@ -3,7 +3,7 @@
 //
 // This holds the font checker (src/osd/font_check.cpp) to the rasteriser it
 // guards: both come from the same stb_truetype.h, compiled into the library
-// (src/osd/stb_libs.c) and here instrumented with it, so any font the checker
+// (src/osd/stb_libs.cpp) and here instrumented with it, so any font the checker
 // lets through and stb_truetype then reads out of bounds, recurses on or
 // asserts on is a finding.
 #include <limits.h>

@@ -2,6 +2,10 @@
  * library from Debian's libstb-dev headers: stb_truetype (font parsing and
  * glyph rasterisation) and stb_image_write (PNG output, for the tools).
  *
+ * Compiled as C++ like the rest of the library: stb_truetype reads 32-bit
+ * values as (p[0] << 24) + ..., which overflows int (undefined in C) for
+ * bytes of 128 and up, and is defined arithmetic in C++20.
+ *
  * They are built here rather than taken from libstb.so.0: that object holds
  * every stb library and is bound at load time, which every service paid for
  * at start-up although only OSD rendering uses a handful of its functions.
