@@ -1,6 +1,10 @@
 // Mirrors the reads of stb_truetype (the TrueType path of v1.26) with bounds
-// checks. Every function here follows the library routine named beside it;
-// when that routine changes, this file changes with it.
+// checks. Every function here follows the library routine named beside it.
+// The rasteriser is compiled into the library from the same stb_truetype.h
+// (src/osd/stb_libs.cpp), and the build accepts only the header this file
+// was checked against (its hash in cmake/KeloDeps.cmake): a new stb from
+// Debian stops the build until this file has been reviewed against it, and
+// osd_font_fuzz runs the checker in front of that very rasteriser.
 #include "osd/font_check.h"
 
 #include <math.h>
