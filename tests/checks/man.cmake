@@ -38,7 +38,7 @@ foreach(n IN LISTS names)
 endforeach()
 
 # ---- every page formats cleanly --------------------------------------------------
-file(GLOB pages ${SOURCE_DIR}/man/man1/*.1 ${SOURCE_DIR}/man/man3/*.3)
+file(GLOB pages ${SOURCE_DIR}/man/man1/*.1 ${SOURCE_DIR}/man/man3/*.3 ${SOURCE_DIR}/man/man7/*.7)
 find_program(GROFF groff)
 if(GROFF)
   foreach(p IN LISTS pages)
