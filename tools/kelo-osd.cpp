@@ -7,7 +7,9 @@
 #include <string.h>
 #include <time.h>
 
-#include <stb.h>  // stb_file
+#include <stb.h>  // stb_file, from the library's stb objects
+#define STB_IMAGE_WRITE_STATIC
+#define STB_IMAGE_WRITE_IMPLEMENTATION
 #include <stb_image_write.h>
 
 #include <string>

@@ -1,7 +1,7 @@
 // Mirrors the reads of stb_truetype (the TrueType path of v1.26) with bounds
 // checks. Every function here follows the library routine named beside it.
 // The rasteriser is compiled into the library from the same stb_truetype.h
-// (src/osd/stb_libs.cpp), and the build accepts only the header this file
+// (src/osd/glyph.cpp), and the build accepts only the header this file
 // was checked against (its hash in cmake/KeloDeps.cmake): a new stb from
 // Debian stops the build until this file has been reviewed against it, and
 // osd_font_fuzz runs the checker in front of that very rasteriser.
@@ -413,7 +413,6 @@ bool check_shape(Font &f, int64_t glyph, int depth, Box &box) {
 bool font_usable(const unsigned char *font, size_t len, int offset, const char *text) {
   // Offsets inside the library are 32-bit ints.
   if (font == nullptr || offset < 0 || len < 16 || len > (1u << 30)) return false;
-  if (offset == 0 && stbtt_GetFontOffsetForIndex(font, 0) != 0) return false;
   Font f{Reader(font, len)};
   f.start = offset;
   uint32_t num_tables;

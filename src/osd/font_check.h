@@ -13,6 +13,8 @@
 namespace kelo::osd {
 
 // True when font (at offset) can be handed to stb_truetype for drawing text.
+// A font collection is the caller's to refuse: offset is taken as the start
+// of a plain font.
 bool font_usable(const unsigned char *font, size_t len, int offset, const char *text);
 
 }  // namespace kelo::osd

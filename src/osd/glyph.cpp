@@ -8,6 +8,47 @@
 #include <algorithm>
 
 #include <stb.h>  // stb_file
+
+// stb_truetype is compiled here, into this one translation unit, from
+// Debian's libstb-dev header rather than linked from libstb.so.0 (which
+// holds every stb library and is bound at load time: every service paid for
+// it at start-up). Static: nothing of it is exported, and what this file
+// does not call is never emitted.
+//
+// Compiled as C++ like the rest of the library: its 32-bit reads,
+// (p[0] << 24) + ..., overflow int (undefined in C) for bytes of 128 and
+// up, and are defined arithmetic in C++20.
+//
+// src/osd/font_check.cpp mirrors the reads of exactly this stb_truetype.h:
+// the build checks the header's hash (cmake/KeloDeps.cmake), so a new
+// Debian version cannot change the rasteriser without the checker being
+// reviewed with it.
+namespace {
+
+// stb_truetype's rounding hooks, (int)floor(x) and (int)ceil(x), without
+// libm: ARMv7 has no rounding instruction, so floor and ceil were calls into
+// libm, the only ones the library made. Equal to them wherever the int
+// conversion is defined (the font checker keeps glyph boxes in that range).
+inline int round_down(double x) {
+  const int i = static_cast<int>(x);  // toward zero
+  return i - (static_cast<double>(i) > x ? 1 : 0);
+}
+inline int round_up(double x) {
+  const int i = static_cast<int>(x);
+  return i + (static_cast<double>(i) < x ? 1 : 0);
+}
+
+}  // namespace
+
+#define STBTT_ifloor(x) round_down(x)
+#define STBTT_iceil(x) round_up(x)
+// The square root is one instruction once errno is out of the picture
+// (-fno-math-errno); pow belongs to the same hook and is not reached.
+#define STBTT_sqrt(x) __builtin_sqrt(x)
+#define STBTT_pow(x, y) __builtin_pow(x, y)
+
+#define STBTT_STATIC
+#define STB_TRUETYPE_IMPLEMENTATION
 #include <stb_truetype.h>
 
 #include "common/free_ptr.h"
@@ -53,6 +94,10 @@ KELO_EXPORT int osd_render_text(const unsigned char *font, size_t font_len, int 
                                 const char *text) {
   using namespace kelo::osd;
   // stb_truetype reads wherever the font's offsets point: check them first.
+  // The checker follows a plain font: a collection whose first font is not
+  // at offset 0 is refused (the lookup reads the first 16 bytes).
+  if (font == nullptr || font_len < 16) return -1;
+  if (font_offset == 0 && stbtt_GetFontOffsetForIndex(font, 0) != 0) return -1;
   if (!font_usable(font, font_len, font_offset, text)) return -1;
   stbtt_fontinfo info;
   if (!stbtt_InitFont(&info, font, font_offset)) return -1;
