@@ -41,10 +41,10 @@ inline int round_up(double x) {
 }  // namespace
 
 #define STBTT_ifloor(x) round_down(x)
-#define STBTT_iceil(x) round_up(x)
+#define STBTT_iceil(x)  round_up(x)
 // The square root is one instruction once errno is out of the picture
 // (-fno-math-errno); pow belongs to the same hook and is not reached.
-#define STBTT_sqrt(x) __builtin_sqrt(x)
+#define STBTT_sqrt(x)   __builtin_sqrt(x)
 #define STBTT_pow(x, y) __builtin_pow(x, y)
 
 #define STBTT_STATIC
