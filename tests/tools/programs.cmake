@@ -45,6 +45,18 @@ kelo_program_test(demo_service_help 0 "Required Options:\n  -n,--name=ARG.*-f,--
 kelo_program_test(demo_service_no_name 127 "'--name' is required" ${svc})
 set_tests_properties(demo_service_bad_interval demo_service_missing_font PROPERTIES RESOURCE_LOCK agent-port)
 
+# kelo-osd takes a font only from a regular file, as the library does: a FIFO
+# (which would block the open) and a directory get a message and status 1.
+set(osd_fifo ${CMAKE_CURRENT_BINARY_DIR}/osd-font.fifo)
+add_test(NAME kelo_osd_make_fifo COMMAND sh -c "rm -f '${osd_fifo}' && mkfifo '${osd_fifo}'")
+set_tests_properties(kelo_osd_make_fifo PROPERTIES FIXTURES_SETUP osd_fifo LABELS "examples")
+kelo_program_test(kelo_osd_font_fifo 1 "kelo-osd: ${osd_fifo} is not a regular file"
+  $<TARGET_FILE:kelo-osd> --font ${osd_fifo} -o ${CMAKE_CURRENT_BINARY_DIR}/osd-fifo.png)
+kelo_program_test(kelo_osd_font_directory 1 "kelo-osd: ${CMAKE_CURRENT_BINARY_DIR} is not a regular file"
+  $<TARGET_FILE:kelo-osd> --font ${CMAKE_CURRENT_BINARY_DIR} -o ${CMAKE_CURRENT_BINARY_DIR}/osd-dir.png)
+set_tests_properties(kelo_osd_font_fifo kelo_osd_font_directory PROPERTIES TIMEOUT 20)
+set_tests_properties(kelo_osd_font_fifo PROPERTIES FIXTURES_REQUIRED osd_fifo)
+
 # Line editing and history at a terminal, when the agent has libedit; script(1)
 # (util-linux) gives it a pty.
 find_program(KELO_SCRIPT_PROGRAM script)
