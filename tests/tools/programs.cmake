@@ -57,6 +57,15 @@ kelo_program_test(kelo_osd_font_directory 1 "kelo-osd: ${CMAKE_CURRENT_BINARY_DI
 set_tests_properties(kelo_osd_font_fifo kelo_osd_font_directory PROPERTIES TIMEOUT 20)
 set_tests_properties(kelo_osd_font_fifo PROPERTIES FIXTURES_REQUIRED osd_fifo)
 
+# kelo-loglevel reads a level as services read KELO_LOG_LEVEL, kept to -1..7
+# ("none" would let everything through); a refused word never reaches the
+# shared region (setting one would change the machine's threshold).
+foreach(bad none bogus 8)
+  kelo_program_test(kelo_loglevel_refuses_${bad} 2
+    "usage: kelo-loglevel .LEVEL.\n  LEVEL: -1..7 or one of emerg alert crit err warn notice info debug"
+    $<TARGET_FILE:kelo-loglevel> ${bad})
+endforeach()
+
 # Line editing and history at a terminal, when the agent has libedit; script(1)
 # (util-linux) gives it a pty.
 find_program(KELO_SCRIPT_PROGRAM script)
