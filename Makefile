@@ -83,8 +83,13 @@ deb:
 	  if [ "$$arch" = "$(DEB_NATIVE)" ]; then \
 	    (cd $$dir/kelo-util && dpkg-buildpackage -us -uc -b -j$(JOBS)); \
 	  else \
+	    profiles=cross,nocheck; \
+	    if ! dpkg-query -W -f='$${Status}' libedit-dev:$$arch 2>/dev/null | grep -q 'ok installed'; then \
+	      echo "deb: libedit-dev:$$arch is not installed: kelo-agent for $$arch without line editing (see debian/control)"; \
+	      profiles=$$profiles,pkg.kelo-util.noedit; \
+	    fi; \
 	    (cd $$dir/kelo-util && DEB_BUILD_OPTIONS=nocheck dpkg-buildpackage -us -uc -b -j$(JOBS) \
-	       -a$$arch -Pcross,nocheck); \
+	       -a$$arch -P$$profiles); \
 	  fi; \
 	  lintian --fail-on error $$dir/*.changes; \
 	  rm -rf $$dir/kelo-util; ls -l $$dir/*.deb; \

@@ -69,7 +69,7 @@ endforeach()
 # Line editing and history at a terminal, when the agent has libedit; script(1)
 # (util-linux) gives it a pty.
 find_program(KELO_SCRIPT_PROGRAM script)
-if(KELO_SCRIPT_PROGRAM AND NOT CMAKE_CROSSCOMPILING AND KELO_EDIT_LIBRARY)
+if(KELO_SCRIPT_PROGRAM AND NOT CMAKE_CROSSCOMPILING AND KELO_AGENT_EDITLINE)
   add_test(NAME agent_terminal_history
     COMMAND ${CMAKE_CURRENT_LIST_DIR}/agent_terminal.sh $<TARGET_FILE:kelo-agent> ${CMAKE_CURRENT_BINARY_DIR})
   set_tests_properties(agent_terminal_history PROPERTIES TIMEOUT 30 LABELS "examples")
