@@ -25,7 +25,8 @@ static int on_cmd(int ctx, const unsigned char *payload, uint32_t cmd) {
  * long pseudo-random run of adds and removes (repeated ones included): the
  * list read forward is the array, the head's prev is the tail, the tail's
  * next is NULL, and an unlinked node has both links NULL. */
-static int hook_list_matches(otrpc_state_hook *const *model, int n, const otrpc_state_hook *nodes, int count) {
+static int hook_list_matches(otrpc_state_hook *const *model, int n, const otrpc_state_hook *nodes,
+                             int count) {
   const otrpc_state_hook *h = otrpc_on_state_changed;
   int i;
   for (i = 0; i < n; i++, h = h->next)

@@ -48,7 +48,7 @@ KELO_EXPORT unsigned char *Bitmap1555ToYUV(const unsigned char *bitmap, int widt
 
 /* The two pixel values of the bitmaps: where a glyph covers the pixel, and
  * everywhere else (alpha set in both; no anti-aliasing). */
-#define OSD_PIXEL_TEXT ((uint16_t)0xFFFF)       /* white */
+#define OSD_PIXEL_TEXT       ((uint16_t)0xFFFF) /* white */
 #define OSD_PIXEL_BACKGROUND ((uint16_t)0x8000) /* black */
 
 /* The canvas that Ascii2Bitmap1555 and Ascii2yuv draw on for pixel_height:

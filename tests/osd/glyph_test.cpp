@@ -90,11 +90,13 @@ TEST(Glyph, HeaderHelpersDrawTheLibrarysBitmap) {
         ASSERT_NE(lib, nullptr);
         osd_canvas_size(ph, &w, &h);
         Bytes cov(static_cast<size_t>(w * h));
-        ASSERT_GE(osd_render_text(font.data(), font.size(), 0, cov.data(), static_cast<float>(ph), w, h, text), 0);
+        ASSERT_GE(
+            osd_render_text(font.data(), font.size(), 0, cov.data(), static_cast<float>(ph), w, h, text), 0);
         std::vector<uint16_t> own(cov.size(), 0x1234);
         osd_coverage_to_bitmap1555(cov.data(), w, h, flip, own.data());
         EXPECT_EQ(std::pair(w, h), std::pair(lw, lh)) << ph;
-        EXPECT_EQ(own, std::vector<uint16_t>(lib, lib + static_cast<size_t>(lw * lh))) << ph << " " << text << " " << flip;
+        EXPECT_EQ(own, std::vector<uint16_t>(lib, lib + static_cast<size_t>(lw * lh)))
+            << ph << " " << text << " " << flip;
         free(lib);
       }
 }
