@@ -111,6 +111,15 @@ set(ENV{PKG_CONFIG_PATH} ${pcdir})
 set(ENV{KELO_LOG_FILE} ${work}/camd.log)
 set(ENV{LD_LIBRARY_PATH} ${libdir})
 
+# ---- a package's .pc names the prefix installed to: no "../" in the flags -----
+load_cache(${BINARY_DIR} READ_WITH_PREFIX pc_ KELO_PC_RELOCATABLE)
+if(DEFINED pc_KELO_PC_RELOCATABLE AND NOT pc_KELO_PC_RELOCATABLE)
+  run("pkg-config --cflags --libs" pkg-config --cflags --libs kelo_util)
+  if(run_out MATCHES "\\.\\./" OR NOT run_out MATCHES "-I${prefix}/include")
+    message(FATAL_ERROR "install: kelo_util.pc gives '${run_out}', want -I${prefix}/include and no ../")
+  endif()
+endif()
+
 # ---- pkg-config: the README's command, cc being the compiler of this build -----
 string(REGEX REPLACE "^cc " "\"$CC\" $CFLAGS " cc_cmd "${cc_line}")
 set(ENV{CC} ${C_COMPILER})
