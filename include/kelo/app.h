@@ -66,7 +66,7 @@ static inline void app_break_on_signals(void) {
   static const int signals[2] = {SIGTERM, SIGINT};
   struct ev_loop *loop = ev_default_loop(0);
   int i;
-  if (loop == NULL || ev_is_active(&watchers[0]) || ev_is_active(&watchers[1])) return;
+  if (!loop || ev_is_active(&watchers[0]) || ev_is_active(&watchers[1])) return;
   for (i = 0; i < 2; i++) {
     ev_signal_init(&watchers[i], app_on_break_signal_, signals[i]);
     watchers[i].data = watchers;

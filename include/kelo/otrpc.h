@@ -64,6 +64,8 @@ typedef struct otrpc_state_hook {
 /* Head of the state-hook list (the head's prev points at the tail). */
 KELO_EXPORT extern otrpc_state_hook *otrpc_on_state_changed;
 
+/* NOLINTBEGIN(modernize-use-nullptr): these lines are C as well as C++ */
+
 /* Links node at the tail of otrpc_on_state_changed, so that it sees every
  * change after the hooks already there. Call it on the loop thread, or before
  * app_init to see the connection made during start-up. A node counts as
@@ -104,6 +106,8 @@ static inline void otrpc_state_hook_remove(otrpc_state_hook *node) {
   node->prev = NULL;
   node->next = NULL;
 }
+
+/* NOLINTEND(modernize-use-nullptr) */
 
 /* One entry of an otrpc_dispatch table, ended by a NULL name or handler. */
 typedef struct otrpc_dispatch_entry {
