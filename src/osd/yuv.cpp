@@ -128,7 +128,8 @@ inline void convert_row_1555(const unsigned char *src, int w2, uint8_t *y, uint8
   for (; j + 16 <= w2; j += 16) {
     const __m128i p0 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 2 * j));
     const __m128i p1 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 2 * j + 16));
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(y + j), _mm_packus_epi16(luma_1555(p0, k), luma_1555(p1, k)));
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(y + j),
+                     _mm_packus_epi16(luma_1555(p0, k), luma_1555(p1, k)));
     if (uv != nullptr) {
       // The even pixels, sign-extended from the low half of each 32-bit word
       // so that the saturating pack keeps them as they are.
@@ -203,7 +204,7 @@ void clear_unconverted(uint8_t *out, int width, int height, size_t size) {
     for (size_t i = 0; i < h2; ++i) out[i * w + w - 1] = 0;
     for (size_t i = 0; i < h2 / 2; ++i) out[w * h + i * w + w - 1] = 0;
   }
-  memset(out + h2 * w, 0, (h - h2) * w);                       // the odd last Y row
+  memset(out + h2 * w, 0, (h - h2) * w);                           // the odd last Y row
   memset(out + w * h + h2 / 2 * w, 0, size - w * h - h2 / 2 * w);  // the chroma rows after the last pair
 }
 
@@ -243,7 +244,8 @@ unsigned char *Bitmap888ToYUV(const unsigned char *bitmap, int width, int height
   }
   // Negative or empty sizes would index before the bitmap: nothing to convert.
   if (!size_ok(width, height)) return nullptr;
-  unsigned char *out = convert<convert_row<Pixel888>>(bitmap, width, height, static_cast<size_t>(stride), false);
+  unsigned char *out =
+      convert<convert_row<Pixel888>>(bitmap, width, height, static_cast<size_t>(stride), false);
   if (out == nullptr) printf("[%s] malloc failed \n", "Bitmap888ToYUV");
   return out;
 }

@@ -153,6 +153,8 @@ KELO_EXPORT void kelo_copy(void *dst, const void *src, int len) {
   kelo::mem::block_copy(static_cast<unsigned char *>(dst), static_cast<const unsigned char *>(src), len);
 }
 
-KELO_EXPORT void *mem_cpy_pld(void *dst, const void *src, size_t len) { return kelo::mem::copy_pld(dst, src, len); }
+KELO_EXPORT void *mem_cpy_pld(void *dst, const void *src, size_t len) {
+  return kelo::mem::copy_pld(dst, src, len);
+}
 
 }  // extern "C"

@@ -49,9 +49,10 @@ TEST(MemCopy, FastCopiesMatchThePlainSteps) {
       for (unsigned dof = 0; dof < 64; dof += 12) {
         memset(fast, 0xa5, kRoom);
         memset(plain, 0xa5, kRoom);
-        const size_t got = static_cast<size_t>(static_cast<unsigned char *>(mem_cpy_pld(fast + dof, src + so, len)) - fast);
-        const size_t want =
-            static_cast<size_t>(static_cast<unsigned char *>(kelo::mem::copy_pld_plain(plain + dof, src + so, len)) - plain);
+        const size_t got =
+            static_cast<size_t>(static_cast<unsigned char *>(mem_cpy_pld(fast + dof, src + so, len)) - fast);
+        const size_t want = static_cast<size_t>(
+            static_cast<unsigned char *>(kelo::mem::copy_pld_plain(plain + dof, src + so, len)) - plain);
         ASSERT_EQ(got, want) << len << " " << so << " " << dof;
         ASSERT_EQ(memcmp(fast, plain, kRoom), 0) << "mem_cpy_pld " << len << " " << so << " " << dof;
 
