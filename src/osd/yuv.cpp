@@ -84,10 +84,6 @@ inline void convert_row(const unsigned char *src, int w2, uint8_t *y, uint8_t *u
 #if defined(__SSE2__)
 #define KELO_YUV_VECTORS 1
 
-// convert_row<Pixel1555>, sixteen pixels per round in SSE2's 16-bit lanes;
-// the last pixels of a row that is not a multiple of 16 wide go through
-// convert_row. Every intermediate fits 16 bits: Y's sum is at most
-// 54688 + 4096, Cb's and Cr's lie within +-27904.
 // GCC turns a multiplication by a known constant into shifts and adds, up
 // to six instructions where pmullw is one: the factors are loaded once per
 // row and hidden from it.
@@ -122,6 +118,10 @@ inline __m128i chroma_1555(__m128i r, __m128i g, __m128i b, __m128i kr, __m128i 
   return _mm_sub_epi16(_mm_srai_epi16(sum, 8), _mm_set1_epi16(128));
 }
 
+// convert_row<Pixel1555>, sixteen pixels per round in SSE2's 16-bit lanes;
+// the last pixels of a row that is not a multiple of 16 wide go through
+// convert_row. Every intermediate fits 16 bits: Y's sum is at most
+// 54688 + 4096, Cb's and Cr's lie within +-27904.
 inline void convert_row_1555(const unsigned char *src, int w2, uint8_t *y, uint8_t *uv) {
   const Factors k;
   int j = 0;
@@ -152,9 +152,8 @@ inline void convert_row_1555(const unsigned char *src, int w2, uint8_t *y, uint8
 #elif __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
 #define KELO_YUV_VECTORS 1
 
-// Sixteen pixels at a time in 16-bit lanes, with the compiler's generic
-// vectors (SSE2 on x86-64, NEON on the device). Every intermediate fits:
-// Y's sum is at most 54688 + 4096, Cb's and Cr's lie within +-27904.
+// Elsewhere (NEON on the device) the same sixteen pixels at a time in the
+// compiler's generic vectors, with the same 16-bit bounds.
 typedef uint16_t u16x16 __attribute__((vector_size(32)));
 typedef uint32_t u32x8 __attribute__((vector_size(32)));
 typedef uint16_t u16x8 __attribute__((vector_size(16)));
