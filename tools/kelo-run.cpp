@@ -127,7 +127,8 @@ Options parse(int argc, char **argv) {
   if (o.agent && o.script != nullptr) die("--agent and --agent-script exclude each other");
   if (o.firmware != nullptr && strchr(o.firmware, '\n') != nullptr)
     die("--firmware: the version is one line of /etc/os-release; it cannot hold a line feed");
-  if (!valid_ifname(o.ifname)) die("--ifname: \"%s\" is not an interface name (1 to 15 bytes, no '/', ':' or blank)", o.ifname);
+  if (!valid_ifname(o.ifname))
+    die("--ifname: \"%s\" is not an interface name (1 to 15 bytes, no '/', ':' or blank)", o.ifname);
   if (optind >= argc) {
     usage(stderr);
     die("no command given");
@@ -228,12 +229,14 @@ int read_sysctl(const char *path) {
 // The kernel setting that keeps an ordinary user out of user namespaces.
 std::string userns_refusal() {
   if (read_sysctl("/proc/sys/kernel/unprivileged_userns_clone") == 0)
-    return "kernel.unprivileged_userns_clone is 0 (sysctl -w kernel.unprivileged_userns_clone=1, or run as root)";
+    return "kernel.unprivileged_userns_clone is 0 (sysctl -w kernel.unprivileged_userns_clone=1, or run as "
+           "root)";
   if (read_sysctl("/proc/sys/user/max_user_namespaces") == 0)
     return "user.max_user_namespaces is 0 (sysctl -w user.max_user_namespaces=10000, or run as root)";
   if (read_sysctl("/proc/sys/kernel/apparmor_restrict_unprivileged_userns") == 1)
     return "AppArmor restricts unprivileged user namespaces "
-           "(kernel.apparmor_restrict_unprivileged_userns is 1; give kelo-run an AppArmor profile, or run as root)";
+           "(kernel.apparmor_restrict_unprivileged_userns is 1; give kelo-run an AppArmor profile, or run as "
+           "root)";
   return "kernel.unprivileged_userns_clone, user.max_user_namespaces and AppArmor allow them here; "
          "a container's seccomp profile or a chroot may refuse them";
 }
@@ -286,7 +289,8 @@ void bring_up_loopback() {
   kelo::UniqueFd s(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   struct ifreq req {};
   strcpy(req.ifr_name, "lo");
-  if (!s.valid() || ioctl(s.get(), SIOCGIFFLAGS, &req) != 0) die("cannot read the loopback's flags: %s", strerror(errno));
+  if (!s.valid() || ioctl(s.get(), SIOCGIFFLAGS, &req) != 0)
+    die("cannot read the loopback's flags: %s", strerror(errno));
   req.ifr_flags = static_cast<short>(req.ifr_flags | IFF_UP);
   if (ioctl(s.get(), SIOCSIFFLAGS, &req) != 0) die("cannot bring the loopback up: %s", strerror(errno));
 }
@@ -302,7 +306,8 @@ void shadow_dir(const std::string &stage, const std::string &dir) {
   static int count = 0;
   std::string keep = stage + "/keep" + std::to_string(count++);
   struct stat st;
-  if (mkdir(keep.c_str(), 0700) != 0 || stat(dir.c_str(), &st) != 0) die("cannot stage %s: %s", dir.c_str(), strerror(errno));
+  if (mkdir(keep.c_str(), 0700) != 0 || stat(dir.c_str(), &st) != 0)
+    die("cannot stage %s: %s", dir.c_str(), strerror(errno));
   bind(dir, keep);
   char opts[32];
   snprintf(opts, sizeof opts, "mode=%04o", st.st_mode & 07777);
@@ -375,17 +380,19 @@ void make_device_record(const char *ifname) {
   kelo::UniqueFd list(memfd_create("wireless", MFD_CLOEXEC));
   if (!list.valid()) die("cannot make the wireless list: %s", strerror(errno));
   char line[160];
-  snprintf(line, sizeof line, "%6s: %04x  %3d%c  %3d%c  %3d%c  %6d %6d %6d %6d %6d   %6d\n", ifname, 0, 70, '.', -40,
-           '.', -256, '.', 0, 0, 0, 0, 0, 0);
-  std::string text = std::string("Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n") +
-                     " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n" + line;
+  snprintf(line, sizeof line, "%6s: %04x  %3d%c  %3d%c  %3d%c  %6d %6d %6d %6d %6d   %6d\n", ifname, 0, 70,
+           '.', -40, '.', -256, '.', 0, 0, 0, 0, 0, 0);
+  std::string text =
+      std::string("Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n") +
+      " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n" + line;
   if (write(list.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
     die("cannot make the wireless list: %s", strerror(errno));
   std::string path = "/proc/self/fd/" + std::to_string(list.get());
   kelo::sys::Paths p = kelo::sys::paths();
   p.proc_wireless = path.c_str();
   kelo::sys::set_paths_for_testing(p);
-  if (kelo::devinfo::get() == nullptr) die("cannot make the device record in the private /dev/shm: %s", strerror(errno));
+  if (kelo::devinfo::get() == nullptr)
+    die("cannot make the device record in the private /dev/shm: %s", strerror(errno));
 }
 
 // ---- running ----------------------------------------------------------------------
@@ -450,7 +457,8 @@ bool agent_listening() {
   if (f == nullptr) return false;
   char line[256];
   bool found = false;
-  while (!found && fgets(line, sizeof line, f) != nullptr) found = strstr(line, ":D430 00000000:0000 0A") != nullptr;
+  while (!found && fgets(line, sizeof line, f) != nullptr)
+    found = strstr(line, ":D430 00000000:0000 0A") != nullptr;
   fclose(f);
   return found;
 }
@@ -532,17 +540,20 @@ int main(int argc, char **argv) {
   if (o.script != nullptr) {
     kelo::UniqueFd s(open(o.script, O_RDONLY | O_CLOEXEC));
     std::string text;
-    if (!s.valid() || !read_all(s.get(), text)) die("cannot read the agent script %s: %s", o.script, strerror(errno));
+    if (!s.valid() || !read_all(s.get(), text))
+      die("cannot read the agent script %s: %s", o.script, strerror(errno));
   }
   if (o.agent || o.script != nullptr) (void)find_agent();
   std::string command = resolve_command(o.command[0]);
   std::string os_release = camera_os_release(o.firmware);
   std::string font_data;
-  if (font.valid() && !read_all(font.get(), font_data)) die("cannot read the font %s: %s", o.font, strerror(errno));
+  if (font.valid() && !read_all(font.get(), font_data))
+    die("cannot read the font %s: %s", o.font, strerror(errno));
 
   enter_namespaces();
   // Nothing mounted below may reach the machine's mount table.
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) die_mount("make private", "the mounts");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    die_mount("make private", "the mounts");
   bring_up_loopback();
 
   // A staging tmpfs on /dev/shm holds the served files; a fresh one then

@@ -130,16 +130,17 @@ TEST(AgentE2E, ScriptedSessionWithTheDemoService) {
   // freed (they may still be referenced), so a leak check at exit would only
   // report that one.
   Proc agent({kRun, "--firmware", "1.2.3_0045", "--agent-script", sb.path("session"), "--", "/bin/sh", "-c",
-              "exec \"$0\" \"$@\" >" + sb.path("service.out") + " 2>&1", kService, "--name", "e2e", "--interval",
-              "1", "--font", KELO_TEST_FONT, "-v"},
+              "exec \"$0\" \"$@\" >" + sb.path("service.out") + " 2>&1", kService, "--name", "e2e",
+              "--interval", "1", "--font", KELO_TEST_FONT, "-v"},
              sb.path("agent.out"), false,
              {"KELO_LOG_FILE=-", "KELO_LOG_LEVEL=debug", "ASAN_OPTIONS=detect_leaks=0"});
   EXPECT_EQ(agent.wait(40), 0) << agent.output();
   std::string t = agent.output();
-  expect_all(t, {"#1 127.0.0.1:", "methods: demo.echo demo.time", "#1 <- {\"id\":1,\"result\":{\"x\":1}}",
-                 "\"params\":{\"model\":\"tarsa.camera.v4\",\"fw_ver\":\"1.2.3_0045\"", "\"name\":\"e2e\"", "-> {\"id\":", "\"result\":{\"pong\":true}",
-                 "#2 connected from", "#2 <- {\"id\":3,\"result\":[2]}", "\"width\":140,\"height\":16",
-                 ",\"error\":{\"code\":-5}}"});
+  expect_all(
+      t, {"#1 127.0.0.1:", "methods: demo.echo demo.time", "#1 <- {\"id\":1,\"result\":{\"x\":1}}",
+          "\"params\":{\"model\":\"tarsa.camera.v4\",\"fw_ver\":\"1.2.3_0045\"", "\"name\":\"e2e\"",
+          "-> {\"id\":", "\"result\":{\"pong\":true}", "#2 connected from", "#2 <- {\"id\":3,\"result\":[2]}",
+          "\"width\":140,\"height\":16", ",\"error\":{\"code\":-5}}"});
   // Announced once per connection.
   size_t announced = 0;
   for (size_t p = 0; (p = t.find("\"params\":{},\"key\":\"demo.echo\"}", p)) != std::string::npos; ++p)

@@ -64,7 +64,10 @@ TEST(KeloRun, TheDeviceRecordAndTheStampAreTheCamerasInside) {
     std::vector<std::string> options;
     std::string os_release, ifname, font;
   } cases[] = {
-      {{"--firmware", "7.1.0_0100", "--ifname", "wlp3s0"}, "HOLVEN_VERSION=7.1.0_0100\n", "wlp3s0", KELO_TEST_FONT},
+      {{"--firmware", "7.1.0_0100", "--ifname", "wlp3s0"},
+       "HOLVEN_VERSION=7.1.0_0100\n",
+       "wlp3s0",
+       KELO_TEST_FONT},
       {{"--font", KELO_TEST_FONT_MONO}, "NAME=x\n", "wlan0", KELO_TEST_FONT_MONO},
   };
   for (const Case &c : cases) {
@@ -143,7 +146,8 @@ TEST(KeloRun, ExitStatuses) {
 // was met, the agent's failure otherwise; the command is stopped after it.
 TEST(KeloRun, AgentScriptStatusIsKeloRuns) {
   Sandbox sb;
-  sb.write_file("ok", "timeout 5000\nexpect \"key\":\"demo.echo\"\ncall demo.echo [3]\nexpect \"result\":[3]\n");
+  sb.write_file("ok",
+                "timeout 5000\nexpect \"key\":\"demo.echo\"\ncall demo.echo [3]\nexpect \"result\":[3]\n");
   sb.write_file("bad", "timeout 300\nexpect \"key\":\"demo.nothing\"\n");
   for (const char *script : {"ok", "bad"}) {
     ChildResult r = run({kRun, "--agent-script", sb.path(script), kService, "--name", "t"});
