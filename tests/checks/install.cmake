@@ -40,7 +40,7 @@ if(NOT libs OR NOT npc EQUAL 1)
 endif()
 foreach(f bin/kelo-agent bin/kelo-osd bin/kelo-loglevel bin/kelo-run share/kelo_util/toolchains/armhf.cmake
           share/man/man1/kelo-agent.1 share/man/man1/kelo-run.1 share/man/man3/kelo_otrpc.3
-          share/man/man3/otrpc_call.3)
+          share/man/man3/otrpc_call.3 share/man/man7/kelo_util.7)
   if(NOT EXISTS ${prefix}/${f})
     message(FATAL_ERROR "install: ${f} not installed")
   endif()
