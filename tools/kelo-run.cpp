@@ -259,9 +259,10 @@ void enter_namespaces() {
   uid_t uid = geteuid();
   gid_t gid = getegid();
   if (unshare(CLONE_NEWUSER | own) != 0) {
-    if (errno == EPERM || errno == ENOSPC || errno == EUSERS)
-      die("the kernel refused a private user namespace (%s): %s", strerror(errno), userns_refusal().c_str());
-    die("cannot make private namespaces: %s (a kernel without user namespaces?)", strerror(errno));
+    int e = errno;  // the settings are read first: keep the refusal's own error
+    if (e == EPERM || e == ENOSPC || e == EUSERS)
+      die("the kernel refused a private user namespace (%s): %s", strerror(e), userns_refusal().c_str());
+    die("cannot make private namespaces: %s (a kernel without user namespaces?)", strerror(e));
   }
   g_in_userns = true;
   write_proc("/proc/self/setgroups", "deny");

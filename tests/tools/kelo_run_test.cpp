@@ -3,9 +3,12 @@
 // same files here.
 // ctest-labels: host-only
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -167,6 +170,44 @@ TEST(KeloRun, AsAnOrdinaryUser) {
   ChildResult root = run({kRun, "--firmware", "2.0", kProbe});
   ASSERT_EQ(user.exit_code, 0) << user.err;
   EXPECT_EQ(user.out, root.out);
+}
+
+// The refusal names the kernel setting. Inside a user namespace whose
+// user.max_user_namespaces is 0 an ordinary user meets what a host with
+// that setting gives it.
+TEST(KeloRun, NamesTheSettingThatRefusesNamespaces) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root to map a second user";
+  ChildResult r = run_child([] {
+    int ready[2], go[2];
+    if (pipe(ready) != 0 || pipe(go) != 0) _exit(98);
+    pid_t kid = fork();
+    char c = 0;
+    if (kid == 0) {
+      if (unshare(CLONE_NEWUSER) != 0 || write(ready[1], "r", 1) != 1 || read(go[0], &c, 1) != 1) _exit(97);
+      int fd = open("/proc/sys/user/max_user_namespaces", O_WRONLY);
+      if (fd < 0 || write(fd, "0", 1) != 1 || setresgid(65534, 65534, 65534) != 0 ||
+          setresuid(65534, 65534, 65534) != 0)
+        _exit(96);
+      execl(kRun.c_str(), kRun.c_str(), "true", nullptr);
+      _exit(95);
+    }
+    if (read(ready[0], &c, 1) != 1) _exit(94);
+    for (const char *map : {"uid_map", "gid_map"}) {
+      std::string path = "/proc/" + std::to_string(kid) + "/" + map, text = "0 0 1\n65534 65534 1\n";
+      int fd = open(path.c_str(), O_WRONLY);
+      if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) _exit(93);
+      close(fd);
+    }
+    int st = 0;
+    if (write(go[1], "g", 1) != 1 || waitpid(kid, &st, 0) != kid) _exit(92);
+    _exit(WIFEXITED(st) ? WEXITSTATUS(st) : 91);
+  });
+  if (r.exit_code > 90 && r.exit_code < 99)
+    GTEST_SKIP() << "cannot nest user namespaces here: " << r.exit_code;
+  EXPECT_EQ(r.exit_code, 125) << r.err;
+  EXPECT_NE(r.err.find("refused a private user namespace (No space left on device)"), std::string::npos)
+      << r.err;
+  EXPECT_NE(r.err.find("user.max_user_namespaces is 0"), std::string::npos) << r.err;
 }
 
 }  // namespace
