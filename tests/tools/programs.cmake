@@ -4,14 +4,19 @@
 # meet the camera's fixed /dev/shm and agent port, which are then private.
 # A host that refuses the namespaces skips them rather than touch the real ones.
 set(KELO_EMU ${CMAKE_CROSSCOMPILING_EMULATOR})
+if(KELO_EMU)
+  find_program(KELO_UNSHARE unshare REQUIRED)
+endif()
 set(KELO_NO_NAMESPACES "kelo-run: the kernel refused a private user namespace")
 
 # kelo_program_test(NAME STATUS MATCH PROGRAM [ARG ...]): MATCH may be "".
 function(kelo_program_test name status match)
   list(JOIN ARGN "^^" cmd)
   if(KELO_EMU)
+    # kelo-run here is built for the camera; util-linux's unshare gives the
+    # emulated program the same private /dev/shm and loopback instead.
     list(JOIN KELO_EMU "^^" emu)
-    set(cmd "${emu}^^${cmd}")
+    set(cmd "${KELO_UNSHARE}^^-rmn^^sh^^-c^^mount -t tmpfs tmpfs /dev/shm && ip link set lo up && exec \"$@\"^^sh^^${emu}^^${cmd}")
   else()
     set(cmd "$<TARGET_FILE:kelo-run>^^--^^${cmd}")
   endif()
