@@ -21,16 +21,30 @@ install(FILES ${PROJECT_BINARY_DIR}/kelo_utilConfig.cmake ${PROJECT_BINARY_DIR}/
 
 # The .pc file finds its prefix from where it lies, so an install with
 # "cmake --install --prefix <dir>" (or a staged copy) is usable as it is.
+# A distribution package turns that off (KELO_PC_RELOCATABLE=OFF): its .pc
+# file then names the prefix it is installed to, so the flags come out as
+# -I/usr/include and -L/usr/lib/<triplet>, which pkg-config leaves out as the
+# system's own, instead of paths through "../../..".
+option(KELO_PC_RELOCATABLE "kelo_util.pc finds its prefix relative to where it lies" ON)
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
   set(KELO_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
   file(RELATIVE_PATH KELO_PC_LIBDIR "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_LIBDIR}")
-else()
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/kelo_util.pc.in ${PROJECT_BINARY_DIR}/kelo_util.pc @ONLY)
+elseif(KELO_PC_RELOCATABLE)
   file(RELATIVE_PATH KELO_PC_UP "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
   string(REGEX REPLACE "/$" "" KELO_PC_UP "${KELO_PC_UP}")
   set(KELO_PC_PREFIX "\${pcfiledir}/${KELO_PC_UP}")
   set(KELO_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/kelo_util.pc.in ${PROJECT_BINARY_DIR}/kelo_util.pc @ONLY)
+else()
+  # The prefix is filled in at install time: "cmake --install --prefix" may
+  # name another one than the configured CMAKE_INSTALL_PREFIX.
+  set(KELO_PC_PREFIX "@KELO_PC_PREFIX@")
+  set(KELO_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/kelo_util.pc.in ${PROJECT_BINARY_DIR}/kelo_util.pc.in @ONLY)
+  install(CODE "set(KELO_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+    configure_file(\"${PROJECT_BINARY_DIR}/kelo_util.pc.in\" \"${PROJECT_BINARY_DIR}/kelo_util.pc\" @ONLY)")
 endif()
-configure_file(${PROJECT_SOURCE_DIR}/cmake/kelo_util.pc.in ${PROJECT_BINARY_DIR}/kelo_util.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kelo_util.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # The armhf toolchain file, for services cross-built against an install.

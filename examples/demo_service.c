@@ -2,7 +2,8 @@
  *
  * It shows the usual skeleton of a service on the camera:
  *   - an application descriptor with an option table and a method table,
- *   - app_init (logging, options, RPC client), app_run, app_break on a signal,
+ *   - app_init (logging, options, RPC client), app_run until SIGTERM or
+ *     SIGINT, app_fini at exit,
  *   - methods the agent can call, a call of its own to the agent,
  *   - a periodic "_async.stat" statistics message.
  *
@@ -19,13 +20,11 @@
 #include <ev.h>
 #include <getopt.h>
 #include <json-c/json.h>
-#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-#include <utlist.h>
 
 #include <kelo/app.h>
 #include <kelo/encoding.h>
@@ -158,17 +157,16 @@ static int load_font(const char *path) {
 
 static unsigned char *render_stamp(const char *text, int pixel_height, int *w, int *h) {
   if (font_data == NULL) return Ascii2yuv(text, w, h, pixel_height, 1); /* flip 1: upright */
-  /* What Ascii2yuv does, from the font bytes in memory: coverage, then
-   * white-on-black ARGB1555 top-down, then NV12 with flip 1. */
-  *w = pixel_height == 48 ? 420 : 140;
-  *h = pixel_height == 48 ? 48 : 16;
+  /* What Ascii2yuv does, from the font bytes in memory: coverage on the
+   * library's canvas, then the ARGB1555 bitmap top-down, then NV12 with flip 1. */
+  osd_canvas_size(pixel_height, w, h);
   size_t pixels = (size_t)*w * (size_t)*h;
   unsigned char *coverage = malloc(pixels);
-  uint16_t *bitmap = malloc(pixels * 2);
+  uint16_t *bitmap = malloc(pixels * sizeof *bitmap);
   unsigned char *yuv = NULL;
   if (coverage != NULL && bitmap != NULL &&
       osd_render_text(font_data, font_len, 0, coverage, (float)pixel_height, *w, *h, text) >= 0) {
-    for (size_t i = 0; i < pixels; i++) bitmap[i] = coverage[i] ? 0xFFFF : 0x8000;
+    osd_coverage_to_bitmap1555(coverage, *w, *h, 0, bitmap);
     yuv = Bitmap1555ToYUV((const unsigned char *)bitmap, *w, *h, 1);
   }
   free(coverage);
@@ -250,7 +248,8 @@ static void ping_agent(void) {
 
 /* A state hook sees every change of the connection to the agent. It is linked
  * before app_init so that it also sees a connection made inside app_init. The
- * library announces the methods again by itself at every connection. */
+ * library announces the methods again by itself at every connection, and
+ * unlinks every hook when the client stops (app_fini). */
 static int on_state(void *arg, int new_state, int old_state) {
   (void)arg;
   (void)old_state;
@@ -278,16 +277,9 @@ static void on_stat_timer(struct ev_loop *loop, ev_timer *w, int revents) {
   if (verbose > 0) log_debug("statistics sent");
 }
 
-/* ---- shutdown ----------------------------------------------------------------
- * app_break is safe in a signal handler: app_run returns on the loop thread. */
-static void on_signal(int sig) {
-  (void)sig;
-  app_break();
-}
-
 int main(int argc, char **argv) {
   if (!command_line_ok(argc, argv)) return 2;
-  DL_APPEND(otrpc_on_state_changed, &state_hook);
+  otrpc_state_hook_add(&state_hook);
   app_init(&app, argc, argv); /* exits for --help, or when --name is missing */
   if (interval < 0) {
     fprintf(stderr, "%s: --interval takes whole seconds, 1 to 3600\n", argv[0]);
@@ -300,11 +292,10 @@ int main(int argc, char **argv) {
 
   log_info("%s started as \"%s\", statistics every %d s, verbosity %d", app.name, name, interval, verbose);
 
-  struct sigaction sa = {0};
-  sa.sa_handler = on_signal;
-  sigemptyset(&sa.sa_mask);
-  sigaction(SIGINT, &sa, NULL);
-  sigaction(SIGTERM, &sa, NULL);
+  /* SIGTERM (systemd, kill) and SIGINT (Ctrl-C) end app_run; main then
+   * returns and app_fini runs at exit. Without this either signal would kill
+   * the service before it could release anything. */
+  app_break_on_signals();
 
   ev_timer stat_timer;
   ev_timer_init(&stat_timer, on_stat_timer, interval, interval);

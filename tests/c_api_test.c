@@ -21,7 +21,58 @@ static int on_cmd(int ctx, const unsigned char *payload, uint32_t cmd) {
   return delivered = ctx == 3 && cmd == 9 && memcmp(payload, "hi", 2) == 0;
 }
 
+/* The state-hook helpers against a plain array of the linked nodes, over a
+ * long pseudo-random run of adds and removes (repeated ones included): the
+ * list read forward is the array, the head's prev is the tail, the tail's
+ * next is NULL, and an unlinked node has both links NULL. */
+static int hook_list_matches(otrpc_state_hook *const *model, int n, const otrpc_state_hook *nodes,
+                             int count) {
+  const otrpc_state_hook *h = otrpc_on_state_changed;
+  int i;
+  for (i = 0; i < n; i++, h = h->next)
+    if (h != model[i] || h->prev != (i == 0 ? model[n - 1] : model[i - 1])) return 0;
+  if (h != NULL) return 0;
+  for (i = 0; i < count; i++) {
+    int linked = 0, j;
+    for (j = 0; j < n; j++) linked |= model[j] == &nodes[i];
+    if (!linked && (nodes[i].prev != NULL || nodes[i].next != NULL)) return 0;
+  }
+  return 1;
+}
+
+static void check_state_hook_helpers(void) {
+  otrpc_state_hook nodes[4] = {{NULL, NULL, NULL, NULL}};
+  otrpc_state_hook *model[4];
+  int n = 0, step, ok = 1;
+  unsigned seed = 12345;
+  for (step = 0; step < 4000 && ok; step++) {
+    int k, i, at = -1;
+    seed = seed * 1103515245u + 12345u;
+    k = (int)(seed >> 16) % 4;
+    for (i = 0; i < n; i++)
+      if (model[i] == &nodes[k]) at = i;
+    if ((seed >> 27) & 1) {
+      otrpc_state_hook_add(&nodes[k]);
+      if (at < 0) model[n++] = &nodes[k];
+    } else {
+      otrpc_state_hook_remove(&nodes[k]);
+      if (at >= 0) {
+        for (i = at; i + 1 < n; i++) model[i] = model[i + 1];
+        n--;
+      }
+    }
+    ok = hook_list_matches(model, n, nodes, 4);
+  }
+  CHECK(ok && step == 4000);
+  otrpc_state_hook_add(NULL);
+  otrpc_state_hook_remove(NULL);
+  for (n = 0; n < 4; n++) otrpc_state_hook_remove(&nodes[n]);
+  CHECK(otrpc_on_state_changed == NULL);
+}
+
 int main(void) {
+  check_state_hook_helpers();
+
   int32_t verbose = 0;
   opt_record table[] = {{"verbose", 'v', OPT_NOARG, &verbose, opt_inc_int, "More.", 0},
                         {NULL, 0, 0, NULL, NULL, NULL, 0}};

@@ -1,43 +1,41 @@
 // kelo-loglevel: shows or sets the device-wide system-log threshold that every
 // service reads at each system-log message.
 //   kelo-loglevel            prints the threshold in force
-//   kelo-loglevel LEVEL      sets it (0..7 or emerg, alert, crit, err, warning,
-//                            notice, info, debug); -1 silences the system log
+//   kelo-loglevel LEVEL      sets it: -1..7, or a level name as KELO_LOG_LEVEL
+//                            takes it (emerg ... debug, warning, error, panic);
+//                            -1 silences the system log
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 
 #include "kelo/log.h"
 #include "log/log_internal.h"
 
 namespace {
 
-constexpr const char *kNames[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
-
 int usage() {
   fprintf(stderr, "usage: kelo-loglevel [LEVEL]\n  LEVEL: -1..7 or one of");
-  for (const char *n : kNames) fprintf(stderr, " %s", n);
-  fprintf(stderr, "\n");
+  for (int i = 0; i <= 7; ++i) fprintf(stderr, " %s", kelo::log::level_name(i));
+  fprintf(stderr, " (any case; also warning, error, panic)\n");
   return 2;
 }
 
+// The level as services read KELO_LOG_LEVEL (the logging core's parser), kept
+// to the range a threshold means something in: "none" (16) would let every
+// message through, the opposite of what the word suggests.
 bool parse(const char *text, int *level) {
-  for (int i = 0; i < 8; ++i)
-    if (strcasecmp(text, kNames[i]) == 0) {
-      *level = i;
-      return true;
-    }
-  char *end = nullptr;
-  errno = 0;
-  long v = strtol(text, &end, 10);
-  if (end == text || *end != '\0' || errno != 0 || v < -1 || v > 7) return false;
-  *level = static_cast<int>(v);
+  int v = kelo::log::level_parse(text);
+  if (v == -1) {  // the parser's "not a level" too: only a written -1 counts
+    char *end = nullptr;
+    if (strtol(text, &end, 0) != -1 || end == text) return false;
+  }
+  if (v < -1 || v > 7) return false;
+  *level = v;
   return true;
 }
 
-const char *name_of(int level) { return level >= 0 && level <= 7 ? kNames[level] : "nothing"; }
+const char *name_of(int level) { return level >= 0 && level <= 7 ? kelo::log::level_name(level) : "nothing"; }
 
 int show() {
   int level = kelo::log::syslog_threshold();

@@ -1,13 +1,16 @@
 // kelo-osd: preview of the on-screen time stamp, as a PNG and optionally as
 // the raw NV12 planes the video pipeline overlays.
+#include <errno.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
-#include <stb.h>  // stb_file, from the library's stb objects
 #define STB_IMAGE_WRITE_STATIC
 #define STB_IMAGE_WRITE_IMPLEMENTATION
 #include <stb_image_write.h>
@@ -18,6 +21,10 @@
 #include "kelo/osd.h"
 
 namespace {
+
+// Larger than any font a camera carries; keeps a huge sparse file from
+// asking for that much memory.
+constexpr off_t kMaxFontBytes = off_t{64} << 20;
 
 void usage(FILE *to, const char *prog) {
   fprintf(to,
@@ -39,14 +46,53 @@ void usage(FILE *to, const char *prog) {
           "the library's osd_render_text on its bytes (the font path is built into\n"
           "the library), then marks every covered pixel white as Ascii2Bitmap1555\n"
           "does. Either way the glyph placement and the YUV conversion\n"
-          "(Bitmap1555ToYUV) are the library's.\n",
+          "(Bitmap1555ToYUV) are the library's. The font must be a regular file.\n"
+          "\n"
+          "Exit status: 0 when written, 1 when the font or an output file cannot\n"
+          "be used, 2 for a bad command line.\n",
           prog);
 }
 
-// The canvas the library picks for a pixel height.
-void canvas_size(int pixel_height, int &w, int &h) {
-  w = pixel_height == 48 ? 420 : 140;
-  h = pixel_height == 48 ? 48 : 16;
+// The font file whole. Only a regular file, as the library itself reads
+// fonts: opening a FIFO would wait for a writer, and a directory or device has
+// no size to read (the open does not block: O_NONBLOCK, then fstat).
+bool read_font(const char *path, std::vector<unsigned char> &out) {
+  int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    fprintf(stderr, "kelo-osd: cannot open %s: %s\n", path, strerror(errno));
+    return false;
+  }
+  struct stat st;
+  bool ok = fstat(fd, &st) == 0;
+  if (!ok) {
+    fprintf(stderr, "kelo-osd: cannot read %s: %s\n", path, strerror(errno));
+  } else if (!S_ISREG(st.st_mode)) {
+    fprintf(stderr, "kelo-osd: %s is not a regular file\n", path);
+    ok = false;
+  } else if (st.st_size > kMaxFontBytes) {
+    fprintf(stderr, "kelo-osd: %s is too large for a font (%lld bytes)\n", path,
+            static_cast<long long>(st.st_size));
+    ok = false;
+  }
+  if (ok) {
+    out.resize(static_cast<size_t>(st.st_size));
+    size_t got = 0;
+    int err = 0;
+    while (got < out.size()) {
+      ssize_t n = read(fd, out.data() + got, out.size() - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) err = errno;
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+    out.resize(got);  // a file that shrank meanwhile: the font check refuses what is cut
+    if (err != 0 || got == 0) {
+      fprintf(stderr, "kelo-osd: cannot read %s: %s\n", path, err != 0 ? strerror(err) : "empty file");
+      ok = false;
+    }
+  }
+  close(fd);
+  return ok;
 }
 
 // Top-down 1555 bitmap of text, or empty on failure (reason printed).
@@ -59,27 +105,25 @@ std::vector<uint16_t> render(const std::string &text, int pixel_height, const ch
       fprintf(stderr, "kelo-osd: cannot render with the device's font (try --font)\n");
       return {};
     }
-    std::vector<uint16_t> out(bmp, bmp + w * h);
+    std::vector<uint16_t> out(bmp, bmp + static_cast<size_t>(w) * static_cast<size_t>(h));
     free(bmp);
     return out;
   }
-  size_t len = 0;
-  auto *font = static_cast<unsigned char *>(stb_file(const_cast<char *>(font_path), &len));
-  if (font == nullptr) {
-    fprintf(stderr, "kelo-osd: cannot read %s\n", font_path);
-    return {};
-  }
-  canvas_size(pixel_height, w, h);
-  std::vector<unsigned char> cov(static_cast<size_t>(w * h));
-  int pen = osd_render_text(font, len, 0, cov.data(), static_cast<float>(pixel_height), w, h, text.c_str());
-  free(font);
+  // What Ascii2Bitmap1555 does, from the given file's bytes: the library's
+  // canvas, glyph placement and pixel values.
+  std::vector<unsigned char> font;
+  if (!read_font(font_path, font)) return {};
+  osd_canvas_size(pixel_height, &w, &h);
+  std::vector<unsigned char> cov(static_cast<size_t>(w) * static_cast<size_t>(h));
+  int pen = osd_render_text(font.data(), font.size(), 0, cov.data(), static_cast<float>(pixel_height), w, h,
+                            text.c_str());
   if (pen < 0) {
     fprintf(stderr, "kelo-osd: %s is not a usable TrueType font\n", font_path);
     return {};
   }
   if (pen > w) fprintf(stderr, "kelo-osd: text is %d pixels wide, cut at %d\n", pen, w);
   std::vector<uint16_t> out(cov.size());
-  for (size_t i = 0; i < cov.size(); ++i) out[i] = cov[i] ? 0xFFFF : 0x8000;
+  osd_coverage_to_bitmap1555(cov.data(), w, h, 0, out.data());
   return out;
 }
 

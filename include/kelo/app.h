@@ -3,6 +3,8 @@
 #ifndef KELO_APP_H
 #define KELO_APP_H
 
+#include <ev.h>
+#include <signal.h>
 #include <stdint.h>
 
 #include <kelo/export.h>
@@ -36,6 +38,42 @@ KELO_EXPORT int app_run(void);
 KELO_EXPORT void app_break(void);
 /* Tears down what app_init set up; safe to call more than once. */
 KELO_EXPORT void app_fini(void);
+
+/* Callback of the watchers of app_break_on_signals (not to be called). */
+static inline void app_on_break_signal_(struct ev_loop *loop, ev_signal *w, int revents) {
+  ev_signal *watchers = (ev_signal *)w->data;
+  int i;
+  (void)revents;
+  for (i = 0; i < 2; i++) {
+    if (ev_is_active(&watchers[i])) {
+      ev_ref(loop); /* balances the ev_unref at start */
+      ev_signal_stop(loop, &watchers[i]);
+    }
+  }
+  ev_break(loop, EVBREAK_ALL);
+}
+
+/* Makes SIGTERM and SIGINT end app_run (libev signal watchers on the default
+ * loop), so that main returns and app_fini runs at exit: without this either
+ * signal kills the service before app_fini can release anything. Call it on
+ * the loop thread, after app_init; a signal that comes before app_run is
+ * kept and ends app_run as soon as it starts. The first signal also removes
+ * the watchers, so a second one has its default effect (a service that hangs
+ * in its shutdown can still be stopped). The watchers do not keep the loop
+ * running by themselves. Calling it again while they are active does nothing. */
+static inline void app_break_on_signals(void) {
+  static ev_signal watchers[2];
+  static const int signals[2] = {SIGTERM, SIGINT};
+  struct ev_loop *loop = ev_default_loop(0);
+  int i;
+  if (!loop || ev_is_active(&watchers[0]) || ev_is_active(&watchers[1])) return;
+  for (i = 0; i < 2; i++) {
+    ev_signal_init(&watchers[i], app_on_break_signal_, signals[i]);
+    watchers[i].data = watchers;
+    ev_signal_start(loop, &watchers[i]);
+    ev_unref(loop);
+  }
+}
 
 /* ---- command-line options ---------------------------------------------- */
 

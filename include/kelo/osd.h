@@ -46,6 +46,34 @@ KELO_EXPORT int osd_render_text(const unsigned char *font, size_t font_len, int 
  * "[Bitmap1555ToYUV] param NULL, buf:(nil), " and returns NULL. */
 KELO_EXPORT unsigned char *Bitmap1555ToYUV(const unsigned char *bitmap, int width, int height, int flip);
 
+/* The two pixel values of the bitmaps: where a glyph covers the pixel, and
+ * everywhere else (alpha set in both; no anti-aliasing). */
+#define OSD_PIXEL_TEXT       ((uint16_t)0xFFFF) /* white */
+#define OSD_PIXEL_BACKGROUND ((uint16_t)0x8000) /* black */
+
+/* The canvas that Ascii2Bitmap1555 and Ascii2yuv draw on for pixel_height:
+ * 420 x 48 for exactly 48, 140 x 16 for any other value. */
+static inline void osd_canvas_size(int pixel_height, int *width, int *height) {
+  *width = pixel_height == 48 ? 420 : 140;
+  *height = pixel_height == 48 ? 48 : 16;
+}
+
+/* The last step of Ascii2Bitmap1555, for a canvas that osd_render_text drew
+ * from font bytes of the caller's (a font file other than the device's):
+ * bitmap (width x height pixels) gets OSD_PIXEL_TEXT where coverage is
+ * non-zero and OSD_PIXEL_BACKGROUND elsewhere, rows top-down, or bottom-up
+ * with flip. With the canvas of osd_canvas_size the result is the bitmap
+ * Ascii2Bitmap1555 makes from that font, ready for Bitmap1555ToYUV. */
+static inline void osd_coverage_to_bitmap1555(const unsigned char *coverage, int width, int height, int flip,
+                                              uint16_t *bitmap) {
+  int r, c;
+  for (r = 0; r < height; r++) {
+    uint16_t *row = bitmap + (size_t)(flip ? height - 1 - r : r) * (size_t)width;
+    const unsigned char *cov = coverage + (size_t)r * (size_t)width;
+    for (c = 0; c < width; c++) row[c] = cov[c] ? OSD_PIXEL_TEXT : OSD_PIXEL_BACKGROUND;
+  }
+}
+
 /* Ascii2Bitmap1555 (no flip) then Bitmap1555ToYUV with flip: pass flip 1 for
  * an upright image (the bitmap is top-down). *width and *height receive the
  * canvas size. NULL when the text cannot be rendered. */

@@ -6,6 +6,7 @@
 #ifndef KELO_OTRPC_H
 #define KELO_OTRPC_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <kelo/export.h>
@@ -62,6 +63,51 @@ typedef struct otrpc_state_hook {
 
 /* Head of the state-hook list (the head's prev points at the tail). */
 KELO_EXPORT extern otrpc_state_hook *otrpc_on_state_changed;
+
+/* NOLINTBEGIN(modernize-use-nullptr): these lines are C as well as C++ */
+
+/* Links node at the tail of otrpc_on_state_changed, so that it sees every
+ * change after the hooks already there. Call it on the loop thread, or before
+ * app_init to see the connection made during start-up. A node counts as
+ * linked while its prev is non-NULL; adding a linked node changes nothing. */
+static inline void otrpc_state_hook_add(otrpc_state_hook *node) {
+  otrpc_state_hook *head = otrpc_on_state_changed;
+  if (node == NULL || node->prev != NULL) return;
+  node->next = NULL;
+  if (head == NULL) {
+    node->prev = node;
+    otrpc_on_state_changed = node;
+  } else {
+    node->prev = head->prev;
+    head->prev->next = node;
+    head->prev = node;
+  }
+}
+
+/* Unlinks node (loop thread; a hook may remove itself while it runs) and
+ * leaves its prev and next NULL. Removing a node that is not linked changes
+ * nothing: otrpc_fini unlinks every node when the client stops (app_fini,
+ * at exit), so a service's own clean-up may find its node unlinked already. */
+static inline void otrpc_state_hook_remove(otrpc_state_hook *node) {
+  otrpc_state_hook *head = otrpc_on_state_changed;
+  if (node == NULL || node->prev == NULL || head == NULL) return;
+  if (node->prev == node) {
+    otrpc_on_state_changed = NULL; /* it was the only node */
+  } else if (node == head) {
+    node->next->prev = node->prev;
+    otrpc_on_state_changed = node->next;
+  } else {
+    node->prev->next = node->next;
+    if (node->next != NULL)
+      node->next->prev = node->prev;
+    else
+      head->prev = node->prev;
+  }
+  node->prev = NULL;
+  node->next = NULL;
+}
+
+/* NOLINTEND(modernize-use-nullptr) */
 
 /* One entry of an otrpc_dispatch table, ended by a NULL name or handler. */
 typedef struct otrpc_dispatch_entry {

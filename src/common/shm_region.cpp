@@ -115,7 +115,7 @@ void *shm_region_open(const char *name, size_t size, ShmRegionInit init, bool *w
     ErrnoSaver keep;
     munmap(rec, size);
     // Back to empty, so that the next opener initialises again.
-    (void)ftruncate(fd.get(), 0);
+    (void)!ftruncate(fd.get(), 0);  // best effort: the open already failed
     unlock(fd.get());
     return nullptr;
   }

@@ -1,6 +1,7 @@
 // Device identity, worked out once per boot into the shared "devinfo" region.
 #include "util/devinfo.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -16,6 +17,7 @@
 #include "common/shm_region.h"
 #include "common/sys_paths.h"
 #include "common/unique_fd.h"
+#include "kelo/log.h"
 
 namespace kelo::devinfo {
 namespace {
@@ -28,6 +30,8 @@ constexpr size_t kVersionKeyLen = sizeof kVersionKey - 1;
 // so the next call retries.
 constinit std::atomic<const Record *> g_record{nullptr};
 constinit pthread_mutex_t g_open_lock = PTHREAD_MUTEX_INITIALIZER;
+// errno of a failed open of the wireless list by fill(), under g_open_lock.
+int g_wireless_errno = 0;
 
 void read_fw_version(Record *rec) {
   UniqueFd fd(open(sys::paths().os_release, O_RDONLY | O_CLOEXEC));
@@ -59,9 +63,17 @@ void read_fw_version(Record *rec) {
   dst[len] = '\0';
 }
 
+// Without the list (a PC, a container, a camera whose Wi-Fi driver is not
+// loaded yet) the filling process aborts; the record stays as far as it was
+// filled, with an empty interface name. The abort itself is left to get():
+// the reason is logged first, and a service's log handler must not run under
+// the open lock or the region's file lock (it may ask for the record itself).
 void read_ifname(Record *rec) {
   FILE *f = fopen(sys::paths().proc_wireless, "re");
-  if (f == nullptr) abort();
+  if (f == nullptr) {
+    g_wireless_errno = errno != 0 ? errno : ENOENT;
+    return;
+  }
   char *line = nullptr;
   size_t cap = 0;
   while (getline(&line, &cap, f) > 0) {
@@ -90,15 +102,32 @@ int fill(void *record) {
   return 0;
 }
 
+namespace {
+
+[[noreturn]] void abort_without_wireless_list(int err) {
+  char text[128];
+  log_crit("kelo_util: devinfo: cannot open %s (%s): no wireless interface for the device record, aborting.",
+           sys::paths().proc_wireless, strerror_r(err, text, sizeof text));
+  abort();
+}
+
+}  // namespace
+
 const Record *get() {
   const Record *rec = g_record.load(std::memory_order_acquire);
   if (rec != nullptr) return rec;
-  MutexLock lock(&g_open_lock);
-  rec = g_record.load(std::memory_order_relaxed);
-  if (rec == nullptr) {
-    rec = static_cast<const Record *>(shm_region_open("devinfo", sizeof(Record), fill));
-    g_record.store(rec, std::memory_order_release);
+  int wireless_errno = 0;
+  {
+    MutexLock lock(&g_open_lock);
+    rec = g_record.load(std::memory_order_relaxed);
+    if (rec == nullptr) {
+      g_wireless_errno = 0;
+      rec = static_cast<const Record *>(shm_region_open("devinfo", sizeof(Record), fill));
+      wireless_errno = g_wireless_errno;
+      if (wireless_errno == 0) g_record.store(rec, std::memory_order_release);
+    }
   }
+  if (wireless_errno != 0) abort_without_wireless_list(wireless_errno);
   return rec;
 }
 

@@ -21,7 +21,8 @@ static_assert(offsetof(Record, extra_version) == DEV_INFO_EXTRA_VERSION);
 static_assert(offsetof(Record, extra_tag) == DEV_INFO_EXTRA_TAG);
 static_assert(offsetof(Record, ifname) == DEV_INFO_IFNAME);
 
-// The region's initialiser; returns 0 (aborts without /proc/net/wireless).
+// The region's initialiser; returns 0. Without /proc/net/wireless the
+// interface name stays empty and get() logs why and aborts.
 int fill(void *record);
 
 // The record, typed; NULL when the region cannot be opened.

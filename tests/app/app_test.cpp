@@ -2,6 +2,7 @@
 // options through a merged table, the teardown that runs once, the abort when
 // the table cannot be made, and a service answering an agent.
 #include <errno.h>
+#include <ev.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <signal.h>
@@ -98,6 +99,47 @@ TEST(App, NoMemoryForTheMergedTableAborts) {
   EXPECT_EQ(r.signal, SIGABRT) << r.err;
   EXPECT_EQ(r.err, "app_init: Fail to allocate memory.");
   EXPECT_EQ(r.out, "");
+}
+
+int g_signal = 0;
+
+// SIGTERM or SIGINT, caught before app_run starts or while it runs, ends
+// app_run; main returns and app_fini releases every level's handler at exit,
+// status 0. The first signal removes the watchers: a second one after the
+// loop has its default effect again.
+TEST(App, TermAndIntEndAppRunSoAppFiniRuns) {
+  Sandbox sb;
+  for (int sig : {SIGTERM, SIGINT})
+    for (int when : {0, 1, 2}) {  // before app_run, during it, during it and once more after it
+      g_signal = sig;
+      auto r = run_child([when] {
+        static app_desc app;
+        app = {0, nullptr, 0, "sigsvc", nullptr};
+        app_init(&app, 1, g_argv);
+        log_set_handler(0xff, &g_counting);
+        app_break_on_signals();
+        app_break_on_signals();  // no second set of watchers
+        static ev_timer send;
+        ev_timer_init(
+            &send, [](struct ev_loop *, ev_timer *, int) { kill(getpid(), g_signal); }, 0.05, 0.0);
+        if (when == 0)
+          kill(getpid(), g_signal);
+        else
+          ev_timer_start(ev_default_loop(0), &send);
+        app_run();
+        printf("ran|");
+        fflush(stdout);
+        if (when == 2) kill(getpid(), g_signal);
+        exit(0);
+      });
+      if (when == 2) {
+        EXPECT_EQ(r.signal, sig);
+        EXPECT_EQ(r.out, "ran|");
+      } else {
+        EXPECT_TRUE(r.exited && r.exit_code == 0) << sig << " " << when << " status " << r.status;
+        EXPECT_EQ(r.out, "ran|RRRRRRRR") << sig << " " << when;
+      }
+    }
 }
 
 int t_echo(void *, json_object *params, json_object *reply) {

@@ -76,4 +76,29 @@ TEST(Glyph, DamagedAndSmallFonts) {
   EXPECT_EQ(render(load(dir + "crash-outline-above-box"), kStamp, 140, 16).first, -1);
 }
 
+// What a tool or service draws from font bytes of its own with the header's
+// canvas size and pixel values is the bitmap the library draws from its font
+// file, pixel for pixel, for both canvases and both row orders.
+TEST(Glyph, HeaderHelpersDrawTheLibrarysBitmap) {
+  kelo::test::Sandbox sb;  // the library's font path is DejaVu Sans
+  const Bytes font = load(KELO_TEST_FONT);
+  for (int ph : {16, 24, 48})
+    for (const char *text : {kStamp, "", "/: 7"})
+      for (bool flip : {false, true}) {
+        int lw = 0, lh = 0, w = 0, h = 0;
+        uint16_t *lib = Ascii2Bitmap1555(text, 0, &lw, &lh, ph, flip);
+        ASSERT_NE(lib, nullptr);
+        osd_canvas_size(ph, &w, &h);
+        Bytes cov(static_cast<size_t>(w * h));
+        ASSERT_GE(
+            osd_render_text(font.data(), font.size(), 0, cov.data(), static_cast<float>(ph), w, h, text), 0);
+        std::vector<uint16_t> own(cov.size(), 0x1234);
+        osd_coverage_to_bitmap1555(cov.data(), w, h, flip, own.data());
+        EXPECT_EQ(std::pair(w, h), std::pair(lw, lh)) << ph;
+        EXPECT_EQ(own, std::vector<uint16_t>(lib, lib + static_cast<size_t>(lw * lh)))
+            << ph << " " << text << " " << flip;
+        free(lib);
+      }
+}
+
 }  // namespace

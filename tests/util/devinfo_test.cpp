@@ -2,17 +2,21 @@
 // read back bounded whatever the shared region holds.
 // ctest-labels: threads
 #include <json-c/json.h>
+#include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
 
 #include "kelo/devinfo.h"
+#include "kelo/log.h"
 #include "kelo/otrpc.h"
 #include "support/sandbox.h"
 
@@ -65,6 +69,43 @@ TEST(DevInfo, StringsEndAtTheRecordEnd) {
     json_object_put(msg);
   });
   EXPECT_EQ(r.out, "228 164") << "signal " << r.signal;
+}
+
+// Without the wireless list the filling process says why at critical level,
+// then aborts; the record stays as far as it was filled (no interface name),
+// and a later process maps it without filling. A service's log handler that
+// asks for the record while the reason is logged gets it (no lock of the
+// library is held around the handler) instead of hanging the process.
+TEST(DevInfo, NoWirelessListLogsTheCauseThenAborts) {
+  Sandbox sb;
+  const std::string log = sb.path("log"), missing = sb.wireless();
+  unlink(missing.c_str());
+  auto r = run_child([&] {
+    setenv("KELO_LOG_FILE", log.c_str(), 1);
+    dev_get_info();
+  });
+  EXPECT_EQ(r.signal, SIGABRT) << r.status;
+  const std::string line = kelo::test::slurp(log);
+  EXPECT_NE(line.find("[  crit] kelo_util: devinfo: cannot open " + missing + " (No such file or directory)"),
+            std::string::npos)
+      << line;
+  EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << line;
+  EXPECT_EQ(run_child(print_record).out, "tarsa.camera.v4|1.2.3_0045|3.18.30|FIXME_kelo_util|");
+
+  unlink(sb.region("devinfo").c_str());
+  r = run_child([] {
+    static log_handler asks = {[](log_handler *, int level, const char *, const char *, va_list) {
+                                 printf("%d %s", level, dev_get_info() + DEV_INFO_MODEL);
+                                 fflush(stdout);
+                               },
+                               nullptr, nullptr, nullptr};
+    setenv("KELO_LOG_FILE", "-", 1);
+    log_debug("logging starts");  // so that the handler below is not replaced by the lazy start
+    log_set_handler(0xff, &asks);
+    dev_get_info();
+  });
+  EXPECT_EQ(r.signal, SIGABRT) << r.status;
+  EXPECT_EQ(r.out, "2 tarsa.camera.v4");
 }
 
 // A failed open is tried again by the next call; the first calls of several
