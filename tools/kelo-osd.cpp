@@ -11,9 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#define STB_IMAGE_WRITE_STATIC
-#define STB_IMAGE_WRITE_IMPLEMENTATION
-#include <stb_image_write.h>
+#include <stb_image_write.h>  // src/osd/stb_libs.cpp, linked in
 
 #include <string>
 #include <vector>
