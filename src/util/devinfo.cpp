@@ -27,7 +27,7 @@ constexpr size_t kVersionKeyLen = sizeof kVersionKey - 1;
 // queue on g_open_lock so that one mapping is made. NULL again on failure,
 // so the next call retries.
 constinit std::atomic<const Record *> g_record{nullptr};
-constinit pthread_mutex_t g_open_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit Mutex g_open_lock;
 
 void read_fw_version(Record *rec) {
   UniqueFd fd(open(sys::paths().os_release, O_RDONLY | O_CLOEXEC));

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "kelo/app.h"
 #include "kelo/log.h"
 #include "log/log_internal.h"
 #include "support/sandbox.h"
@@ -157,6 +158,30 @@ TEST(LogStart, HandlerThatLogsDuringTheFirstStart) {
       5);
   EXPECT_EQ(r.out, "done") << r.err;
   EXPECT_EQ(bodies(r.err, 0), "[ emerg] first\n");
+}
+
+// A service handler may call any library function from its callbacks, the
+// threshold setter included: at the first start (its acquire starts logging,
+// which replaces it), at app_init and at app_fini.
+TEST(LogHandler, CallbacksMayChangeTheThresholdAtStartAndFini) {
+  Sandbox sb;
+  auto r = run_child(
+      [] {
+        env("-", nullptr);
+        static log_handler h = {nullptr, [](log_handler *) { printf("R%d", log_set_syslog_level(3)); },
+                                [](log_handler *) { printf("A%d", log_set_syslog_level(5)); }, nullptr};
+        static app_desc app = {};
+        log_set_handler(0x01, &h);  // R0 (the start replaces it) before A0
+        log_set_handler(0x01, &h);
+        app_init(&app, 0, nullptr);
+        log_set_handler(0x02, &h);
+        app_init(&app, 0, nullptr);  // logging starts again: replaced
+        log_set_handler(0x02, &h);
+        app_fini();
+        printf(" %d", kelo::log::syslog_threshold());
+      },
+      5);
+  EXPECT_EQ(r.out, "R0A0A0R0A0R0A0R0 3") << "signal " << r.signal << r.err;
 }
 
 TEST(LogFile, AppendsWholeLinesAndIgnoresTheSystemLogThreshold) {
