@@ -191,6 +191,7 @@ int otsocket_write_record(otsocket_record *rec) {
       return r;
     }
   }
+  ErrnoSaver keep;  // the send's errno, whatever closing and the close hooks do
   otsocket_close();
   return r;
 }
@@ -224,7 +225,10 @@ int otsocket_flush_immediate() {
     }
     pending = g_queue != nullptr ? 1 : 0;
   }
-  if (broken) otsocket_close();
+  if (broken) {
+    ErrnoSaver keep;
+    otsocket_close();
+  }
   return pending;
 }
 
