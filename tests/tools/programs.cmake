@@ -45,6 +45,14 @@ kelo_program_test(demo_service_help 0 "Required Options:\n  -n,--name=ARG.*-f,--
 kelo_program_test(demo_service_no_name 127 "'--name' is required" ${svc})
 set_tests_properties(demo_service_bad_interval demo_service_missing_font PROPERTIES RESOURCE_LOCK agent-port)
 
+# The agent refuses a script it cannot use, before it listens (port 0: a free
+# one, should it ever get that far).
+set(agent $<TARGET_FILE:kelo-agent>)
+kelo_program_test(agent_script_directory 2 "kelo-agent: cannot read .*: Is a directory"
+  ${agent} --port 0 --script ${CMAKE_CURRENT_LIST_DIR})
+kelo_program_test(agent_script_unreadable 2 "kelo-agent: cannot read .*: Not a directory"
+  ${agent} --port 0 --script ${CMAKE_CURRENT_LIST_FILE}/script)
+
 # Line editing and history at a terminal, when the agent has libedit; script(1)
 # (util-linux) gives it a pty.
 find_program(KELO_SCRIPT_PROGRAM script)
