@@ -13,11 +13,11 @@
 // A guard object that holds a lock for its lifetime.
 #define SCOPED_CAPABILITY KELO_TSA(scoped_lockable)
 // Data read or written only with the lock held.
-#define GUARDED_BY(mu) KELO_TSA(guarded_by(mu))
+#define GUARDED_BY(mu)    KELO_TSA(guarded_by(mu))
 #define PT_GUARDED_BY(mu) KELO_TSA(pt_guarded_by(mu))
 // Lock order between two locks (checked with -Wthread-safety-beta).
 #define ACQUIRED_BEFORE(...) KELO_TSA(acquired_before(__VA_ARGS__))
-#define ACQUIRED_AFTER(...) KELO_TSA(acquired_after(__VA_ARGS__))
+#define ACQUIRED_AFTER(...)  KELO_TSA(acquired_after(__VA_ARGS__))
 // A function called with the lock held / not held.
 #define REQUIRES(...) KELO_TSA(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) KELO_TSA(locks_excluded(__VA_ARGS__))

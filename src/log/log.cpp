@@ -473,7 +473,6 @@ void write_waiting_lines() {
 
 using namespace kelo::log;
 
-
 extern "C" {
 
 KELO_EXPORT log_handler *log_file_create(const char *path) {

@@ -191,7 +191,8 @@ TEST(LogHandler, CallbacksMayChangeTheThresholdAtStartAndFini) {
 // call gives when made directly, and "%m" in the line is its text.
 TEST(LogErrno, FailingCallsLeaveTheSystemsErrnoWithEverySink) {
   Sandbox sb;
-  const std::string f_x = sb.path("f/x"), dir = sb.path("d"), shm = sb.path("shm"), logfile = sb.path("svc.log");
+  const std::string f_x = sb.path("f/x"), dir = sb.path("d"), shm = sb.path("shm"),
+                    logfile = sb.path("svc.log");
   auto open_errno = [](const std::string &p, int flags) {
     int fd = open(p.c_str(), flags, 0644);
     return fd < 0 ? errno : (close(fd), 0);
@@ -204,9 +205,17 @@ TEST(LogErrno, FailingCallsLeaveTheSystemsErrnoWithEverySink) {
     bool quoted;                  // its line carries "%m" or strerror
   };
   const Case cases[] = {
-      {ENOTDIR, -1, [&] { char b[16]; return long(file_read_string(b, sizeof b, f_x.c_str())); },
+      {ENOTDIR, -1,
+       [&] {
+         char b[16];
+         return long(file_read_string(b, sizeof b, f_x.c_str()));
+       },
        [&] { return open_errno(f_x, O_RDONLY); }, true},
-      {EISDIR, -1, [&] { char b[16]; return long(file_read_string(b, sizeof b, dir.c_str())); },
+      {EISDIR, -1,
+       [&] {
+         char b[16];
+         return long(file_read_string(b, sizeof b, dir.c_str()));
+       },
        [&] {
          char b[16];
          return read(open(dir.c_str(), O_RDONLY), b, sizeof b) < 0 ? errno : 0;
@@ -263,7 +272,8 @@ TEST(LogErrno, FailingCallsLeaveTheSystemsErrnoWithEverySink) {
       mkdir(shm.c_str(), 0755);
       mkdir(dir.c_str(), 0755);
       sb.write_file("f", "x");
-      sb.write_file("wireless", kelo::test::kWirelessHeader + std::string(" wlan0: 0000   70.  -40.  -256\n"));
+      sb.write_file("wireless",
+                    kelo::test::kWirelessHeader + std::string(" wlan0: 0000   70.  -40.  -256\n"));
       unlink(logfile.c_str());
       auto r = run_child([&] {
         env(sink, nullptr);
@@ -276,7 +286,8 @@ TEST(LogErrno, FailingCallsLeaveTheSystemsErrnoWithEverySink) {
       EXPECT_EQ(r.out, std::to_string(c.failed) + " " + std::to_string(c.want) + " " + std::to_string(c.want))
           << where;
       std::string lines = sink == logfile ? kelo::test::slurp(logfile) : sink[0] == '-' ? r.err : "";
-      EXPECT_TRUE(!c.quoted || lines.empty() || lines.find(strerror(c.want)) != std::string::npos) << where << lines;
+      EXPECT_TRUE(!c.quoted || lines.empty() || lines.find(strerror(c.want)) != std::string::npos)
+          << where << lines;
     }
 }
 
