@@ -145,16 +145,23 @@ void syslog_release(log_handler *h) {
 
 // ---- file and stream -----------------------------------------------------
 
+// The stream is changed under the lock and also read, as a hint, without it
+// (looks_open below): both sides atomic.
+void set_stream(FileHandler *f, FILE *stream) REQUIRES(f->lock) {
+  std::atomic_ref<FILE *>(f->stream).store(stream, std::memory_order_relaxed);
+}
+
 void file_acquire(log_handler *h) {
   auto *f = reinterpret_cast<FileHandler *>(h);
   MutexLock lock(&f->lock);
   if (f->stream == nullptr && f->path != nullptr) {
     // "e": the log file is not handed to programs the service executes.
-    f->stream = fopen(f->path, "ae");
-    if (f->stream != nullptr)
-      setvbuf(f->stream, nullptr, _IONBF, 0);
+    FILE *stream = fopen(f->path, "ae");
+    if (stream != nullptr)
+      setvbuf(stream, nullptr, _IONBF, 0);
     else
       fprintf(stderr, "kelo_util: log: Fail to open \"%s\": %m.\n", f->path);
+    set_stream(f, stream);
   }
   f->refs += 1;
 }
@@ -165,7 +172,7 @@ void file_release(log_handler *h) {
   f->refs -= 1;
   if (f->refs == 0 && f->path != nullptr && f->stream != nullptr) {
     fclose(f->stream);
-    f->stream = nullptr;
+    set_stream(f, nullptr);
     // The path is freed and the handler is spent: a released file handler is
     // not installed again. Clearing the pointer keeps a stray re-install from
     // touching freed memory; it then only drops its lines.
