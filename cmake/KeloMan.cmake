@@ -1,9 +1,10 @@
 # Manual pages: man/man3/kelo_<family>.3 documents one public header and
 # names every function of it in its NAME section; each such name gets a
 # one-line ".so" page so that "man 3 <function>" opens the family page.
-# man/man1 holds the tools' pages.
+# man/man1 holds the tools' pages, man/man7 the overview of the library.
 file(GLOB KELO_MAN1 CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/man1/*.1)
 file(GLOB KELO_MAN3 CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/man3/*.3)
+file(GLOB KELO_MAN7 CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/man7/*.7)
 
 set(KELO_MAN_LINK_DIR ${PROJECT_BINARY_DIR}/man/man3)
 file(REMOVE_RECURSE ${KELO_MAN_LINK_DIR})
@@ -29,4 +30,5 @@ endforeach()
 
 install(FILES ${KELO_MAN1} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${KELO_MAN3} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+install(FILES ${KELO_MAN7} DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
 install(DIRECTORY ${KELO_MAN_LINK_DIR}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)

@@ -8,4 +8,8 @@ namespace kelo::osd {
 // Prints "{bitmapLineByte is <stride>}" on every call, NULL bitmap included.
 unsigned char *Bitmap888ToYUV(const unsigned char *bitmap, int width, int height);
 
+// Bitmap1555ToYUV one pixel at a time: the reference the vector code is
+// held to, byte for byte. NULL for a NULL bitmap or an unusable size, silently.
+unsigned char *bitmap1555_to_yuv_plain(const unsigned char *bitmap, int width, int height, int flip);
+
 }  // namespace kelo::osd

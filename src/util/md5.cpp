@@ -26,104 +26,134 @@ inline void store_le32(unsigned char *p, uint32_t v) {
   p[3] = static_cast<unsigned char>(v >> 24);
 }
 
-// The four auxiliary functions. G is written as a sum of its two disjoint
-// halves and every step adds the message word and constant first: both let
-// the processor start a step before the previous one has finished.
-#define MD5_AUX_F(x, y, z) ((((y) ^ (z)) & (x)) ^ (z))
-#define MD5_AUX_H(x, y, z) ((x) ^ (y) ^ (z))
-#define MD5_AUX_I(x, y, z) ((y) ^ ((x) | ~(z)))
-#define MD5_AUX_STEP(f, a, b, c, d, x, s, ac) \
-  do {                                        \
-    (a) += (x) + (ac);                        \
-    (a) += f((b), (c), (d));                  \
-    (a) = rotl((a), (s)) + (b);               \
-  } while (0)
-#define MD5_STEP_G(a, b, c, d, x, s, ac) \
-  do {                                   \
-    (a) += (x) + (ac);                   \
-    (a) += (d) & (b);                    \
-    (a) += ~(d) & (c);                   \
-    (a) = rotl((a), (s)) + (b);          \
+// The additive constants, floor(abs(sin(i + 1)) * 2^32), in step order.
+constexpr uint32_t kSine[64] = {
+    0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
+    0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
+    0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
+    0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed, 0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a,
+    0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70,
+    0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665,
+    0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
+    0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391,
+};
+
+// The four auxiliary functions. F is written with one operation less than
+// the RFC's form, G as the sum of its two disjoint halves (the half without
+// x can be computed before x is known); every step adds the message word
+// and the constant first: all three let a step start before the previous
+// one has finished.
+#define MD5_F(x, y, z) ((((y) ^ (z)) & (x)) ^ (z))
+#define MD5_G(x, y, z) (((x) & (z)) + ((y) & ~(z)))
+#define MD5_H(x, y, z) ((x) ^ (y) ^ (z))
+#define MD5_I(x, y, z) ((y) ^ ((x) | ~(z)))
+#define MD5_STEP(f, a, b, c, d, k, s, i)         \
+  do {                                           \
+    (a) += load_le32(block + 4 * (k)) + sine[i]; \
+    (a) += MD5_##f((b), (c), (d));               \
+    (a) = rotl((a), (s)) + (b);                  \
   } while (0)
 
+// The message words are read from the block where they are used, once in
+// each round, rather than copied out first: the rounds need no stack copy of
+// the block.
 void transform(uint32_t state[4], const unsigned char *block) {
-  uint32_t x[16];
-  for (int i = 0; i < 16; ++i) x[i] = load_le32(block + 4 * i);
+  const uint32_t *sine = kSine;
+#if defined(__arm__)
+  // ARM builds a 32-bit constant in two instructions (movw, movt) and loads
+  // it from the table in one; hiding the table's address keeps the compiler
+  // from folding the loads back into constants.
+  asm("" : "+r"(sine));
+#endif
+  // Between rounds the block's address is hidden from the compiler as well:
+  // it would keep the words of one round for the next, and with only 14
+  // registers spill them to the stack, a store and a load instead of a load.
+#define MD5_NEXT_ROUND() asm("" : "+r"(block))
   uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
 
-  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[0], 7, 0xd76aa478);
-  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[1], 12, 0xe8c7b756);
-  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[2], 17, 0x242070db);
-  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[3], 22, 0xc1bdceee);
-  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[4], 7, 0xf57c0faf);
-  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[5], 12, 0x4787c62a);
-  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[6], 17, 0xa8304613);
-  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[7], 22, 0xfd469501);
-  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[8], 7, 0x698098d8);
-  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[9], 12, 0x8b44f7af);
-  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[10], 17, 0xffff5bb1);
-  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[11], 22, 0x895cd7be);
-  MD5_AUX_STEP(MD5_AUX_F, a, b, c, d, x[12], 7, 0x6b901122);
-  MD5_AUX_STEP(MD5_AUX_F, d, a, b, c, x[13], 12, 0xfd987193);
-  MD5_AUX_STEP(MD5_AUX_F, c, d, a, b, x[14], 17, 0xa679438e);
-  MD5_AUX_STEP(MD5_AUX_F, b, c, d, a, x[15], 22, 0x49b40821);
+  MD5_STEP(F, a, b, c, d, 0, 7, 0);
+  MD5_STEP(F, d, a, b, c, 1, 12, 1);
+  MD5_STEP(F, c, d, a, b, 2, 17, 2);
+  MD5_STEP(F, b, c, d, a, 3, 22, 3);
+  MD5_STEP(F, a, b, c, d, 4, 7, 4);
+  MD5_STEP(F, d, a, b, c, 5, 12, 5);
+  MD5_STEP(F, c, d, a, b, 6, 17, 6);
+  MD5_STEP(F, b, c, d, a, 7, 22, 7);
+  MD5_STEP(F, a, b, c, d, 8, 7, 8);
+  MD5_STEP(F, d, a, b, c, 9, 12, 9);
+  MD5_STEP(F, c, d, a, b, 10, 17, 10);
+  MD5_STEP(F, b, c, d, a, 11, 22, 11);
+  MD5_STEP(F, a, b, c, d, 12, 7, 12);
+  MD5_STEP(F, d, a, b, c, 13, 12, 13);
+  MD5_STEP(F, c, d, a, b, 14, 17, 14);
+  MD5_STEP(F, b, c, d, a, 15, 22, 15);
 
-  MD5_STEP_G(a, b, c, d, x[1], 5, 0xf61e2562);
-  MD5_STEP_G(d, a, b, c, x[6], 9, 0xc040b340);
-  MD5_STEP_G(c, d, a, b, x[11], 14, 0x265e5a51);
-  MD5_STEP_G(b, c, d, a, x[0], 20, 0xe9b6c7aa);
-  MD5_STEP_G(a, b, c, d, x[5], 5, 0xd62f105d);
-  MD5_STEP_G(d, a, b, c, x[10], 9, 0x02441453);
-  MD5_STEP_G(c, d, a, b, x[15], 14, 0xd8a1e681);
-  MD5_STEP_G(b, c, d, a, x[4], 20, 0xe7d3fbc8);
-  MD5_STEP_G(a, b, c, d, x[9], 5, 0x21e1cde6);
-  MD5_STEP_G(d, a, b, c, x[14], 9, 0xc33707d6);
-  MD5_STEP_G(c, d, a, b, x[3], 14, 0xf4d50d87);
-  MD5_STEP_G(b, c, d, a, x[8], 20, 0x455a14ed);
-  MD5_STEP_G(a, b, c, d, x[13], 5, 0xa9e3e905);
-  MD5_STEP_G(d, a, b, c, x[2], 9, 0xfcefa3f8);
-  MD5_STEP_G(c, d, a, b, x[7], 14, 0x676f02d9);
-  MD5_STEP_G(b, c, d, a, x[12], 20, 0x8d2a4c8a);
+  MD5_NEXT_ROUND();
+  MD5_STEP(G, a, b, c, d, 1, 5, 16);
+  MD5_STEP(G, d, a, b, c, 6, 9, 17);
+  MD5_STEP(G, c, d, a, b, 11, 14, 18);
+  MD5_STEP(G, b, c, d, a, 0, 20, 19);
+  MD5_STEP(G, a, b, c, d, 5, 5, 20);
+  MD5_STEP(G, d, a, b, c, 10, 9, 21);
+  MD5_STEP(G, c, d, a, b, 15, 14, 22);
+  MD5_STEP(G, b, c, d, a, 4, 20, 23);
+  MD5_STEP(G, a, b, c, d, 9, 5, 24);
+  MD5_STEP(G, d, a, b, c, 14, 9, 25);
+  MD5_STEP(G, c, d, a, b, 3, 14, 26);
+  MD5_STEP(G, b, c, d, a, 8, 20, 27);
+  MD5_STEP(G, a, b, c, d, 13, 5, 28);
+  MD5_STEP(G, d, a, b, c, 2, 9, 29);
+  MD5_STEP(G, c, d, a, b, 7, 14, 30);
+  MD5_STEP(G, b, c, d, a, 12, 20, 31);
 
-  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[5], 4, 0xfffa3942);
-  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[8], 11, 0x8771f681);
-  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[11], 16, 0x6d9d6122);
-  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[14], 23, 0xfde5380c);
-  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[1], 4, 0xa4beea44);
-  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[4], 11, 0x4bdecfa9);
-  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[7], 16, 0xf6bb4b60);
-  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[10], 23, 0xbebfbc70);
-  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[13], 4, 0x289b7ec6);
-  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[0], 11, 0xeaa127fa);
-  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[3], 16, 0xd4ef3085);
-  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[6], 23, 0x04881d05);
-  MD5_AUX_STEP(MD5_AUX_H, a, b, c, d, x[9], 4, 0xd9d4d039);
-  MD5_AUX_STEP(MD5_AUX_H, d, a, b, c, x[12], 11, 0xe6db99e5);
-  MD5_AUX_STEP(MD5_AUX_H, c, d, a, b, x[15], 16, 0x1fa27cf8);
-  MD5_AUX_STEP(MD5_AUX_H, b, c, d, a, x[2], 23, 0xc4ac5665);
+  MD5_NEXT_ROUND();
+  MD5_STEP(H, a, b, c, d, 5, 4, 32);
+  MD5_STEP(H, d, a, b, c, 8, 11, 33);
+  MD5_STEP(H, c, d, a, b, 11, 16, 34);
+  MD5_STEP(H, b, c, d, a, 14, 23, 35);
+  MD5_STEP(H, a, b, c, d, 1, 4, 36);
+  MD5_STEP(H, d, a, b, c, 4, 11, 37);
+  MD5_STEP(H, c, d, a, b, 7, 16, 38);
+  MD5_STEP(H, b, c, d, a, 10, 23, 39);
+  MD5_STEP(H, a, b, c, d, 13, 4, 40);
+  MD5_STEP(H, d, a, b, c, 0, 11, 41);
+  MD5_STEP(H, c, d, a, b, 3, 16, 42);
+  MD5_STEP(H, b, c, d, a, 6, 23, 43);
+  MD5_STEP(H, a, b, c, d, 9, 4, 44);
+  MD5_STEP(H, d, a, b, c, 12, 11, 45);
+  MD5_STEP(H, c, d, a, b, 15, 16, 46);
+  MD5_STEP(H, b, c, d, a, 2, 23, 47);
 
-  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[0], 6, 0xf4292244);
-  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[7], 10, 0x432aff97);
-  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[14], 15, 0xab9423a7);
-  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[5], 21, 0xfc93a039);
-  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[12], 6, 0x655b59c3);
-  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[3], 10, 0x8f0ccc92);
-  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[10], 15, 0xffeff47d);
-  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[1], 21, 0x85845dd1);
-  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[8], 6, 0x6fa87e4f);
-  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[15], 10, 0xfe2ce6e0);
-  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[6], 15, 0xa3014314);
-  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[13], 21, 0x4e0811a1);
-  MD5_AUX_STEP(MD5_AUX_I, a, b, c, d, x[4], 6, 0xf7537e82);
-  MD5_AUX_STEP(MD5_AUX_I, d, a, b, c, x[11], 10, 0xbd3af235);
-  MD5_AUX_STEP(MD5_AUX_I, c, d, a, b, x[2], 15, 0x2ad7d2bb);
-  MD5_AUX_STEP(MD5_AUX_I, b, c, d, a, x[9], 21, 0xeb86d391);
+  MD5_NEXT_ROUND();
+  MD5_STEP(I, a, b, c, d, 0, 6, 48);
+  MD5_STEP(I, d, a, b, c, 7, 10, 49);
+  MD5_STEP(I, c, d, a, b, 14, 15, 50);
+  MD5_STEP(I, b, c, d, a, 5, 21, 51);
+  MD5_STEP(I, a, b, c, d, 12, 6, 52);
+  MD5_STEP(I, d, a, b, c, 3, 10, 53);
+  MD5_STEP(I, c, d, a, b, 10, 15, 54);
+  MD5_STEP(I, b, c, d, a, 1, 21, 55);
+  MD5_STEP(I, a, b, c, d, 8, 6, 56);
+  MD5_STEP(I, d, a, b, c, 15, 10, 57);
+  MD5_STEP(I, c, d, a, b, 6, 15, 58);
+  MD5_STEP(I, b, c, d, a, 13, 21, 59);
+  MD5_STEP(I, a, b, c, d, 4, 6, 60);
+  MD5_STEP(I, d, a, b, c, 11, 10, 61);
+  MD5_STEP(I, c, d, a, b, 2, 15, 62);
+  MD5_STEP(I, b, c, d, a, 9, 21, 63);
 
   state[0] += a;
   state[1] += b;
   state[2] += c;
   state[3] += d;
 }
+
+#undef MD5_F
+#undef MD5_G
+#undef MD5_H
+#undef MD5_I
+#undef MD5_STEP
+#undef MD5_NEXT_ROUND
 
 void update(MD5_CTX *ctx, const unsigned char *input, unsigned int len) {
   unsigned int index = (ctx->count[0] >> 3) & 0x3f;

@@ -38,8 +38,9 @@ list(LENGTH pcs npc)
 if(NOT libs OR NOT npc EQUAL 1)
   message(FATAL_ERROR "install: want one libkelo_util.so.0 and one kelo_util.pc under ${prefix}: '${libs}' '${pcs}'")
 endif()
-foreach(f bin/kelo-agent bin/kelo-osd bin/kelo-loglevel share/kelo_util/toolchains/armhf.cmake
-          share/man/man1/kelo-agent.1 share/man/man3/kelo_otrpc.3 share/man/man3/otrpc_call.3)
+foreach(f bin/kelo-agent bin/kelo-osd bin/kelo-loglevel bin/kelo-run share/kelo_util/toolchains/armhf.cmake
+          share/man/man1/kelo-agent.1 share/man/man1/kelo-run.1 share/man/man3/kelo_otrpc.3
+          share/man/man3/otrpc_call.3 share/man/man7/kelo_util.7)
   if(NOT EXISTS ${prefix}/${f})
     message(FATAL_ERROR "install: ${f} not installed")
   endif()
@@ -103,8 +104,15 @@ if(NOT cc_line MATCHES "^cc -o camd camd\\.c " OR NOT cmake_lines MATCHES "find_
   message(FATAL_ERROR "install: README.md's linking lines not found (got '${cc_line}' and '${cmake_lines}')")
 endif()
 
-# The service runs against the real loopback and /dev/shm; its log goes to a
-# file. A sanitizer build's library needs its runtime in the program too.
+# The service runs inside the installed kelo-run, where the agent's port and
+# /dev/shm are its own; its log goes to a file. A sanitizer build's library
+# needs its runtime in the program too.
+set(box ${prefix}/bin/kelo-run --)
+execute_process(COMMAND ${box} true RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0)
+  message(STATUS "install: skipped: the services cannot run inside kelo-run here: ${err}")
+  return()
+endif()
 get_filename_component(pcdir ${pcs} DIRECTORY)
 get_filename_component(libdir ${libs} DIRECTORY)
 set(ENV{PKG_CONFIG_PATH} ${pcdir})
@@ -116,7 +124,7 @@ string(REGEX REPLACE "^cc " "\"$CC\" $CFLAGS " cc_cmd "${cc_line}")
 set(ENV{CC} ${C_COMPILER})
 set(ENV{CFLAGS} "${C_FLAGS}")
 run("${cc_line}" sh -c "cd ${work}/src && ${cc_cmd}")
-run("the pkg-config service" ${work}/src/camd)
+run("the pkg-config service" ${box} ${work}/src/camd)
 if(NOT run_out STREQUAL want)
   message(FATAL_ERROR "install: the pkg-config service printed '${run_out}', want '${want}'")
 endif()
@@ -129,7 +137,7 @@ run("configure the find_package project" ${CMAKE_COMMAND} -S ${work}/src -B ${wo
     "-DCMAKE_EXE_LINKER_FLAGS=${C_FLAGS}")
 run("build the find_package project" ${CMAKE_COMMAND} --build ${work}/build)
 unset(ENV{LD_LIBRARY_PATH})
-run("the find_package service" ${work}/build/camd)
+run("the find_package service" ${box} ${work}/build/camd)
 if(NOT run_out STREQUAL want)
   message(FATAL_ERROR "install: the find_package service printed '${run_out}', want '${want}'")
 endif()

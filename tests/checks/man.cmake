@@ -1,7 +1,8 @@
 # The manual pages keep up with the code: every exported name opens a page
 # ("man 3 <name>": a family page or the .so page the build makes from its
-# NAME section), every page formats without a groff warning, and every tool
-# has a section 1 page that mentions each option and command its --help lists.
+# NAME section), every page formats without a groff warning, the library pages
+# keep the sections of man-pages(7) in its order, and every tool has a section 1
+# page that mentions each option and command its --help lists.
 #   cmake -DSOURCE_DIR=... -DBINARY_DIR=... -DCROSSCOMPILING=... -P man.cmake
 cmake_minimum_required(VERSION 3.25)
 
@@ -38,7 +39,7 @@ foreach(n IN LISTS names)
 endforeach()
 
 # ---- every page formats cleanly --------------------------------------------------
-file(GLOB pages ${SOURCE_DIR}/man/man1/*.1 ${SOURCE_DIR}/man/man3/*.3)
+file(GLOB pages ${SOURCE_DIR}/man/man1/*.1 ${SOURCE_DIR}/man/man3/*.3 ${SOURCE_DIR}/man/man7/*.7)
 find_program(GROFF groff)
 if(GROFF)
   foreach(p IN LISTS pages)
@@ -48,6 +49,35 @@ if(GROFF)
     endif()
   endforeach()
 endif()
+
+# ---- library pages keep the sections of man-pages(7), in its order --------------
+set(order "NAME;SYNOPSIS;CONFIGURATION;DESCRIPTION;OPTIONS;EXIT STATUS;RETURN VALUE;ERRORS;ENVIRONMENT;FILES;ATTRIBUTES;VERSIONS;STANDARDS;HISTORY;NOTES;CAVEATS;BUGS;EXAMPLES;AUTHORS;REPORTING BUGS;COPYRIGHT;SEE ALSO")
+file(GLOB libpages ${SOURCE_DIR}/man/man3/*.3 ${SOURCE_DIR}/man/man7/*.7)
+foreach(p IN LISTS libpages)
+  file(STRINGS ${p} heads REGEX "^\\.SH ")
+  set(last -1)
+  set(have "")
+  foreach(h IN LISTS heads)
+    string(REGEX REPLACE "^\\.SH +\"?([^\"]*)\"?$" "\\1" h "${h}")
+    list(FIND order "${h}" at)
+    if(at LESS 0)
+      list(APPEND bad "${p}: section '${h}' is not one of man-pages(7)")
+    elseif(at LESS_EQUAL last)
+      list(APPEND bad "${p}: section '${h}' out of the order of man-pages(7)")
+    endif()
+    set(last ${at})
+    list(APPEND have "${h}")
+  endforeach()
+  set(want NAME SYNOPSIS DESCRIPTION EXAMPLES "SEE ALSO")
+  if(p MATCHES "\\.3$")
+    list(APPEND want "RETURN VALUE")
+  endif()
+  foreach(w IN LISTS want)
+    if(NOT w IN_LIST have)
+      list(APPEND bad "${p}: no ${w} section")
+    endif()
+  endforeach()
+endforeach()
 
 # ---- the tools ---------------------------------------------------------------------
 file(GLOB tools ${SOURCE_DIR}/tools/*.cpp)

@@ -1,7 +1,8 @@
 #!/bin/sh
 # kelo-agent --pretty with the demo service: messages are printed indented,
 # and expect still matches their one-line form.
-#   agent_pretty.sh KELO_AGENT DEMO_SERVICE WORK_DIR     (uses the agent's port 54320)
+#   agent_pretty.sh KELO_AGENT DEMO_SERVICE WORK_DIR
+# Run inside kelo-run: it uses the agent's port 54320 and the device record.
 set -u
 work=$3/agent-pretty
 rm -rf "$work" && mkdir -p "$work" || exit 1
