@@ -9,6 +9,7 @@
 #                    installed also MD5's and start-up's instructions under qemu
 #   make fuzz        build the fuzz targets and run each briefly (FUZZ_SECONDS)
 #   make style       fail on code that clang-format would change or clang-tidy flags
+#   make lint-locks  build the library, tools and examples with clang's lock analysis as errors
 #   make deb         Debian packages for amd64 and armhf under build/deb/<arch>/
 
 JOBS ?= $(shell nproc)
@@ -16,7 +17,7 @@ FUZZ_SECONDS ?= 20
 DEPS = scripts/install-deps
 MAKEFLAGS += --no-print-directory
 
-.PHONY: all deps demo test test-asan test-tsan test-armhf bench fuzz release deb style clean
+.PHONY: all deps demo test test-asan test-tsan test-armhf bench fuzz release deb style lint-locks clean
 
 all: release
 
@@ -45,6 +46,12 @@ style:
 	@$(DEPS) test
 	cmake --preset dev >/dev/null
 	@scripts/check-style build/dev
+
+# What each lock guards and the registry-before-queue order, checked by
+# clang's -Wthread-safety (and -beta, for the order) with -Werror.
+lint-locks:
+	@$(DEPS) test
+	$(call build,lint-locks)
 
 test-asan:
 	@$(DEPS) test

@@ -34,9 +34,7 @@
 #endif
 
 #include <deque>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -675,13 +673,24 @@ void on_signal(struct ev_loop *, ev_signal *w, int) {
   quit();
 }
 
+// Reads a whole file (or what a pipe gives until its end); false with errno
+// when it cannot be opened or read. A directory is refused (EISDIR) rather
+// than read as empty.
 bool read_file(const char *path, std::string &into) {
-  std::ifstream f(path, std::ios::binary);
-  if (!f) return false;
-  std::stringstream ss;
-  ss << f.rdbuf();
-  into = ss.str();
-  return true;
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  int err = fstat(fd, &st) != 0 ? errno : S_ISDIR(st.st_mode) ? EISDIR : 0;
+  char buf[65536];
+  for (ssize_t n; err == 0 && (n = read(fd, buf, sizeof buf)) != 0;) {
+    if (n > 0)
+      into.append(buf, static_cast<size_t>(n));
+    else if (errno != EINTR)
+      err = errno;
+  }
+  close(fd);
+  errno = err;
+  return err == 0;
 }
 
 void usage(FILE *to) {
@@ -739,16 +748,19 @@ int main(int argc, char **argv) {
   ev_signal_start(A.loop, &A.sigint);
   ev_signal_start(A.loop, &A.sigterm);
 
+  // Read before listening: a script that cannot be used ends the agent
+  // before it takes the port.
+  std::string script_text;
+  if (script != nullptr && !read_file(script, script_text)) {
+    fprintf(stderr, "kelo-agent: cannot read %s: %s\n", script, strerror(errno));
+    return 2;
+  }
+
   if (!start_listening()) return 2;
 
   struct stat st;
   if (script != nullptr) {
-    std::string text;
-    if (!read_file(script, text)) {
-      fprintf(stderr, "kelo-agent: cannot read %s\n", script);
-      return 2;
-    }
-    take_lines(text, true);
+    take_lines(script_text, true);
     A.input_done = true;
     A.echo = true;
   } else if (fstat(0, &st) == 0 && S_ISREG(st.st_mode)) {

@@ -11,7 +11,19 @@ KELO_BEGIN_DECLS
 
 /* A sink. A service's own handler is any record that begins with these
  * fields. write may be NULL (messages dropped); acquire and release are
- * called once per level the handler is installed at or removed from. */
+ * called once per level the handler is installed at or removed from.
+ *
+ * Locks: write, acquire and release run on the calling thread with no lock of
+ * the library held (the stock handlers' own mutexes are inside the stock
+ * handlers and never around service code). A handler may call any library
+ * function, the log functions and log_set_syslog_level included. acquire and
+ * release run on the thread that installs or removes the handler
+ * (log_set_handler, the start of logging, app_init, app_fini); while one
+ * thread starts logging, other threads' first log calls wait for it. Lines
+ * the library logs while it holds one of its locks are written once it has
+ * released them. A log call that service code makes from inside one of its
+ * own callbacks runs the handler under what that callback holds (see
+ * kelo/otrpc.h: the registry lock in a method handler or reply callback). */
 typedef struct log_handler {
   void (*write)(struct log_handler *h, int level, const char *prefix, const char *fmt, va_list ap);
   void (*release)(struct log_handler *h);

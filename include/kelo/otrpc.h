@@ -31,6 +31,21 @@ enum { OTCONN_IDLE = 0, OTCONN_CONNECTING = 1, OTCONN_CONNECTED = 2, OTCONN_RETR
 #define OTRPC_METHOD_NO_NOTIFY 0x1u /* ignore requests without "id" */
 #define OTRPC_METHOD_ALLOW_DUP 0x2u /* skip the repeated-id filter */
 
+/* Locks held when the library calls service code:
+ * - Method handlers and reply callbacks (expiry callbacks too, which run on
+ *   the thread that makes the next otrpc_call) run with the registry lock
+ *   held (recursive): from the same thread they may register, unregister,
+ *   call and send; they must not wait for another thread that needs the
+ *   registry lock.
+ * - Send completions (the callback of otrpc_send_cb) run on the loop thread
+ *   while the queue is flushed, with the send-queue lock held (recursive),
+ *   and the registry lock, which the flush takes first; they may queue or
+ *   cancel and (because the flush keeps the one order registry-then-queue)
+ *   call otrpc_call and register; they must not wait for another thread.
+ * - State hooks (otrpc_on_state_changed) run on the loop thread.
+ * - Log handlers run with no lock of the library held (kelo/log.h).
+ * The registry lock is always taken before the send-queue lock, never after. */
+
 /* A method handler: params is the request's "params" (or the whole request
  * when it has none); reply is an object holding only the request's "id", or
  * NULL for a notification. Runs on the loop thread with the registry lock held. */

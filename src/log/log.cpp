@@ -9,6 +9,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <new>
 
 #include "common/free_ptr.h"
 #include "common/mutex_lock.h"
@@ -32,31 +33,79 @@ constexpr LevelName kLevelNames[] = {
 
 constexpr int kDefaultSyslogLevel = 6;
 
-constinit log_handler *g_handlers[8] = {};
-// Set (release) once a start-up has installed its sink; the first log calls
-// of several threads see it (acquire) or queue on g_start_lock, which also
-// serialises the region mapping and threshold changes.
-constinit std::atomic<bool> g_initialised{false};
-constinit pthread_mutex_t g_start_lock = PTHREAD_MUTEX_INITIALIZER;
+// The start gate: one thread at a time starts or stops logging (the lazy
+// start, log_init, log_fini); the others wait for it. The owner runs the
+// handlers' callbacks with no lock held (the gate's own mutex is held only
+// while its state changes), so a callback may call back into logging: on the
+// owner's thread the gate is passed through (see t_gate_owner).
+constinit thread_local bool t_gate_owner = false;
+
+class CAPABILITY("start gate") StartGate {
+ public:
+  // Becomes the owner, waiting while another thread is; whether logging was
+  // on at that moment.
+  bool enter() ACQUIRE() {
+    MutexLock lock(&mu_);
+    while (state_.load(std::memory_order_relaxed) == kBusy) mu_.wait(&cv_);
+    bool on = state_.load(std::memory_order_relaxed) == kOn;
+    state_.store(kBusy, std::memory_order_relaxed);
+    t_gate_owner = true;
+    return on;
+  }
+  // Publishes the result: whatever the start installed is seen whole by a
+  // thread that then sees logging on (release here, acquire in is_on).
+  void leave(bool on) RELEASE() {
+    t_gate_owner = false;
+    MutexLock lock(&mu_);
+    state_.store(on ? kOn : kOff, std::memory_order_release);
+    pthread_cond_broadcast(&cv_);
+  }
+  // A callback run by the owner re-enters: the gate is this thread's already.
+  // The analysis cannot see ownership through the handler's function pointer.
+  void assert_owned() ASSERT_CAPABILITY(this) {}
+  bool is_on() const { return state_.load(std::memory_order_acquire) == kOn; }
+
+ private:
+  enum : int { kOff, kBusy, kOn };
+  std::atomic<int> state_{kOff};
+  Mutex mu_;
+  pthread_cond_t cv_ = PTHREAD_COND_INITIALIZER;
+};
+
+constinit StartGate g_gate;
+
+// One pointer per level, NULL = level off. Stored with release and loaded
+// with acquire: a thread that finds a handler here sees it fully built (the
+// sinks a start creates are filled in on another thread), also on ARM.
+constinit std::atomic<log_handler *> g_handlers[8] = {};
+
+// The region is mapped once, under g_map_lock (never held around a callback).
+constinit Mutex g_map_lock;
 constinit std::atomic<Control *> g_control{nullptr};
-constinit bool g_control_writable = false;  // under g_start_lock
+constinit bool g_control_writable GUARDED_BY(g_map_lock) = false;
 // Every sink that a start-up created. They are never freed: a thread that
 // read the table just before a restart may still be writing through one.
 // The list only keeps them reachable (leak checkers see no loss).
-constinit FileHandler *g_startup_sinks = nullptr;
+constinit FileHandler *g_startup_sinks GUARDED_BY(g_gate) = nullptr;
 
 // The threshold word is shared with other processes and read without lock.
 int load_threshold(const Control *c) {
   return std::atomic_ref<const int32_t>(c->syslog_level).load(std::memory_order_relaxed);
 }
 
-// Under g_start_lock.
-void map_control() {
-  if (g_control.load(std::memory_order_relaxed) != nullptr) return;
-  bool writable = false;
-  auto *c = static_cast<Control *>(shm_region_open("log-control", sizeof(Control), control_init, &writable));
-  g_control_writable = writable;
-  g_control.store(c, std::memory_order_release);
+// Maps the region if it is not mapped yet; the mapping, or NULL with errno
+// from the failed open.
+Control *map_control(bool *writable) EXCLUDES(g_map_lock) {
+  MutexLock lock(&g_map_lock);
+  Control *c = g_control.load(std::memory_order_relaxed);
+  if (c == nullptr) {
+    bool w = false;
+    c = static_cast<Control *>(shm_region_open("log-control", sizeof(Control), control_init, &w));
+    g_control_writable = w;
+    g_control.store(c, std::memory_order_release);
+  }
+  if (writable != nullptr) *writable = g_control_writable;
+  return c;
 }
 
 // ---- system log ----------------------------------------------------------
@@ -96,16 +145,23 @@ void syslog_release(log_handler *h) {
 
 // ---- file and stream -----------------------------------------------------
 
+// The stream is changed under the lock and also read, as a hint, without it
+// (looks_open below): both sides atomic.
+void set_stream(FileHandler *f, FILE *stream) REQUIRES(f->lock) {
+  std::atomic_ref<FILE *>(f->stream).store(stream, std::memory_order_relaxed);
+}
+
 void file_acquire(log_handler *h) {
   auto *f = reinterpret_cast<FileHandler *>(h);
   MutexLock lock(&f->lock);
   if (f->stream == nullptr && f->path != nullptr) {
     // "e": the log file is not handed to programs the service executes.
-    f->stream = fopen(f->path, "ae");
-    if (f->stream != nullptr)
-      setvbuf(f->stream, nullptr, _IONBF, 0);
+    FILE *stream = fopen(f->path, "ae");
+    if (stream != nullptr)
+      setvbuf(stream, nullptr, _IONBF, 0);
     else
       fprintf(stderr, "kelo_util: log: Fail to open \"%s\": %m.\n", f->path);
+    set_stream(f, stream);
   }
   f->refs += 1;
 }
@@ -116,7 +172,7 @@ void file_release(log_handler *h) {
   f->refs -= 1;
   if (f->refs == 0 && f->path != nullptr && f->stream != nullptr) {
     fclose(f->stream);
-    f->stream = nullptr;
+    set_stream(f, nullptr);
     // The path is freed and the handler is spent: a released file handler is
     // not installed again. Clearing the pointer keeps a stray re-install from
     // touching freed memory; it then only drops its lines.
@@ -125,9 +181,16 @@ void file_release(log_handler *h) {
   }
 }
 
+// Whether the handler's file looks open: a hint read without the lock, to
+// skip the formatting for a file that could not be opened; the lock is
+// taken and the stream checked again before the write.
+bool looks_open(const FileHandler *f) NO_THREAD_SAFETY_ANALYSIS {
+  return std::atomic_ref<FILE *const>(f->stream).load(std::memory_order_relaxed) != nullptr;
+}
+
 void file_write(log_handler *h, int level, const char *prefix, const char *fmt, va_list ap) {
   auto *f = reinterpret_cast<FileHandler *>(h);
-  if (f->stream == nullptr) return;
+  if (!looks_open(f)) return;
 
   struct timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
@@ -191,29 +254,25 @@ void file_write(log_handler *h, int level, const char *prefix, const char *fmt, 
 }
 
 log_handler *new_file_handler(const char *path, FILE *stream) {
-  auto *f = static_cast<FileHandler *>(calloc(1, sizeof(FileHandler)));
-  if (f == nullptr) return nullptr;
-  f->base.write = file_write;
-  f->base.release = file_release;
-  f->base.acquire = file_acquire;
-  f->stream = stream;
-  if (path != nullptr) {
-    f->path = strdup(path);
-    if (f->path == nullptr) {
-      free(f);
-      return nullptr;
-    }
+  char *copy = nullptr;
+  if (path != nullptr && (copy = strdup(path)) == nullptr) return nullptr;
+  void *mem = malloc(sizeof(FileHandler));
+  if (mem == nullptr) {
+    free(copy);
+    return nullptr;
   }
-  pthread_mutex_init(&f->lock, nullptr);
+  auto *f = new (mem) FileHandler(file_write, file_release, file_acquire, stream, copy);
   return &f->base;
 }
 
-// Under g_start_lock.
-void start_locked() {
+// Starts logging from the environment. The owner of the start gate, which
+// holds no lock meanwhile: the sink's acquire and the old handlers' release
+// run here and may call back into logging.
+void start() REQUIRES(g_gate) {
   const char *file = getenv("KELO_LOG_FILE");
   const char *level_text = getenv("KELO_LOG_LEVEL");
 
-  map_control();
+  map_control(nullptr);
 
   int level = 7;
   if (level_text != nullptr) {
@@ -237,34 +296,50 @@ void start_locked() {
   }
   // Out of memory for a new sink: levels go quiet rather than crash.
   log_set_handler(static_cast<int>(mask), sink);
-  g_initialised.store(true, std::memory_order_release);
 }
 
-// Set on the thread that is running a start-up: a handler whose acquire logs
-// meanwhile writes through the table as it stands instead of waiting for the
-// start lock that its own thread holds. Initial-exec: the library is loaded
-// with the process, so the flag sits in static TLS and is reached without a
-// call into the dynamic linker (a dlopen finds room for one byte in glibc's
-// static TLS reserve).
-constinit thread_local bool t_starting __attribute__((tls_model("initial-exec"))) = false;
-
-void start_guarded() {
-  t_starting = true;
-  start_locked();
-  t_starting = false;
-}
-
-// The lazy start: exactly one of the threads that log first starts logging.
+// The lazy start: exactly one of the threads that log first starts logging;
+// the others wait for it. A callback of that start which logs (on the same
+// thread) writes through the table as it stands.
 void ensure_started() {
-  if (g_initialised.load(std::memory_order_acquire) || t_starting) return;
-  MutexLock lock(&g_start_lock);
-  if (!g_initialised.load(std::memory_order_relaxed)) start_guarded();
+  if (g_gate.is_on() || t_gate_owner) return;
+  ErrnoSaver keep;
+  if (!g_gate.enter()) start();
+  g_gate.leave(true);
+}
+
+// Whether a line of level would be written now; false only when it surely
+// would not (no handler, or the system log above its threshold).
+bool would_write(int level) {
+  if (level < 0 || level > 7) return false;
+  if (!g_gate.is_on()) return true;  // the start decides
+  log_handler *h = g_handlers[level].load(std::memory_order_acquire);
+  if (h == nullptr || h->write == nullptr) return false;
+  if (h != &syslog_handler.base) return true;
+  const Control *c = g_control.load(std::memory_order_acquire);
+  return level <= (c != nullptr ? load_threshold(c) : kDefaultSyslogLevel);
+}
+
+// The library's own lines that wait for this thread to release its last lock,
+// oldest first; the text follows the record.
+struct WaitingLine {
+  WaitingLine *next;
+  int level;
+};
+constinit thread_local WaitingLine *t_first_line = nullptr;
+constinit thread_local WaitingLine *t_last_line = nullptr;
+constinit thread_local bool t_writing_lines = false;
+
+void write_text(int level, const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  write(level, "", fmt, ap);
+  va_end(ap);
 }
 
 }  // namespace
 
-constinit SyslogHandler syslog_handler = {
-    {syslog_write, syslog_release, syslog_acquire, nullptr}, 0, PTHREAD_MUTEX_INITIALIZER};
+constinit SyslogHandler syslog_handler = {{syslog_write, syslog_release, syslog_acquire, nullptr}, 0, {}};
 
 const char *level_name(int level) {
   for (const auto &e : kLevelNames)
@@ -305,31 +380,103 @@ Control *control() { return g_control.load(std::memory_order_acquire); }
 log_handler *stream_create(FILE *stream) { return new_file_handler(nullptr, stream); }
 
 void init() {
-  MutexLock lock(&g_start_lock);
-  start_guarded();
+  ErrnoSaver keep;
+  if (t_gate_owner) {  // from a callback of this thread's start or stop
+    g_gate.assert_owned();
+    start();
+    return;
+  }
+  g_gate.enter();
+  start();
+  g_gate.leave(true);
 }
 
 void fini() {
-  MutexLock lock(&g_start_lock);
+  ErrnoSaver keep;
+  if (t_gate_owner) {  // as in init; the outer start or stop decides the state
+    log_set_handler(0xff, nullptr);
+    return;
+  }
+  g_gate.enter();
   log_set_handler(0xff, nullptr);
-  g_initialised.store(false, std::memory_order_release);
+  g_gate.leave(false);
 }
 
 int syslog_threshold() {
-  MutexLock lock(&g_start_lock);
-  map_control();
-  const Control *c = g_control.load(std::memory_order_relaxed);
+  ErrnoSaver keep;
+  const Control *c = map_control(nullptr);
   return c != nullptr ? load_threshold(c) : kDefaultSyslogLevel;
 }
 
 void write(int level, const char *prefix, const char *fmt, va_list ap) {
+  // The start may change errno; "%m" expands to the caller's, and the caller
+  // finds it as it was, whatever the handler did.
+  ErrnoSaver keep;
+  int caller_errno = errno;
   ensure_started();
   if (level < 0 || level > 7) return;
-  log_handler *h = g_handlers[level];
-  if (h != nullptr && h->write != nullptr) h->write(h, level, prefix, fmt, ap);
+  log_handler *h = g_handlers[level].load(std::memory_order_acquire);
+  if (h == nullptr || h->write == nullptr) return;
+  errno = caller_errno;
+  h->write(h, level, prefix, fmt, ap);
+}
+
+void lib_log(int level, const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  if (locks::t_held == 0) {
+    write(level, "", fmt, ap);
+    va_end(ap);
+    return;
+  }
+  // Under a lock of the library: formatted now ("%m" is this errno), written
+  // when the thread releases its last lock.
+  ErrnoSaver keep;
+  WaitingLine *w = nullptr;
+  if (would_write(level)) {
+    va_list again;
+    va_copy(again, ap);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    int n = vsnprintf(nullptr, 0, fmt, ap);
+    if (n >= 0) w = static_cast<WaitingLine *>(malloc(sizeof(WaitingLine) + static_cast<size_t>(n) + 1));
+    if (w != nullptr) vsnprintf(reinterpret_cast<char *>(w + 1), static_cast<size_t>(n) + 1, fmt, again);
+#pragma GCC diagnostic pop
+    va_end(again);
+  }
+  va_end(ap);
+  if (w == nullptr) return;  // not written anyway, or out of memory: dropped
+  w->next = nullptr;
+  w->level = level;
+  (t_last_line != nullptr ? t_last_line->next : t_first_line) = w;
+  t_last_line = w;
+  locks::t_lines_waiting = true;
 }
 
 }  // namespace kelo::log
+
+namespace kelo::locks {
+
+constinit thread_local unsigned t_held = 0;
+constinit thread_local bool t_lines_waiting = false;
+
+void write_waiting_lines() {
+  using namespace kelo::log;
+  // A handler that makes the library log again under a lock of its own adds
+  // to the list; this loop writes those too, in order.
+  if (t_writing_lines) return;
+  t_writing_lines = true;
+  while (WaitingLine *w = t_first_line) {
+    t_first_line = w->next;
+    if (t_first_line == nullptr) t_last_line = nullptr;
+    write_text(w->level, "%s", reinterpret_cast<char *>(w + 1));
+    free(w);
+  }
+  t_lines_waiting = false;
+  t_writing_lines = false;
+}
+
+}  // namespace kelo::locks
 
 using namespace kelo::log;
 
@@ -341,27 +488,30 @@ KELO_EXPORT log_handler *log_file_create(const char *path) {
 }
 
 KELO_EXPORT void log_set_handler(int mask, log_handler *h) {
+  kelo::ErrnoSaver keep;
   for (int i = 0; i < 8; ++i) {
     if (!(mask & (1 << i))) continue;
-    log_handler *old = g_handlers[i];
+    log_handler *old = g_handlers[i].load(std::memory_order_relaxed);
     if (old != nullptr && old->release != nullptr) old->release(old);
-    g_handlers[i] = h;
+    g_handlers[i].store(h, std::memory_order_release);
     if (h != nullptr && h->acquire != nullptr) h->acquire(h);
   }
 }
 
+// errno: as found on success; on failure, why it failed.
 KELO_EXPORT int log_set_syslog_level(int level) {
+  int saved = errno;
   ensure_started();
-  kelo::MutexLock lock(&g_start_lock);
-  map_control();
-  Control *c = g_control.load(std::memory_order_relaxed);
+  bool writable = false;
+  Control *c = kelo::log::map_control(&writable);
   if (c == nullptr) return -1;
   // A region of another owner is mapped read-only here: a store would fault.
-  if (!g_control_writable) {
+  if (!writable) {
     errno = EACCES;
     return -1;
   }
   std::atomic_ref<int32_t>(c->syslog_level).store(level, std::memory_order_relaxed);
+  errno = saved;
   return 0;
 }
 

@@ -5,7 +5,9 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <syslog.h>
 
+#include "common/mutex_lock.h"
 #include "kelo/log.h"
 
 namespace kelo::log {
@@ -22,20 +24,24 @@ static_assert(offsetof(Control, syslog_level) == 24, "log-control layout");
 #endif
 
 // The stock system-log handler: acquisitions counted, openlog at the first.
+// Its lock is held only inside its own callbacks, never around service code.
 struct SyslogHandler {
   log_handler base;
-  int32_t refs;
-  pthread_mutex_t lock;
+  int32_t refs GUARDED_BY(lock);
+  Mutex lock;
 };
 
-// File or stream handler.
+// File or stream handler; its lock as the system log's.
 struct FileHandler {
+  FileHandler(decltype(log_handler::write) w, decltype(log_handler::release) r,
+              decltype(log_handler::acquire) a, FILE *s, char *p)
+      : base{w, r, a, nullptr}, refs(0), stream(s), path(p) {}
   log_handler base;
-  int32_t refs;
-  FILE *stream;  // NULL until opened
-  char *path;    // owned copy; NULL for a stream handler
-  pthread_mutex_t lock;
-  FileHandler *next;  // sinks made at start-up, kept (see init)
+  int32_t refs GUARDED_BY(lock);
+  FILE *stream GUARDED_BY(lock);  // NULL until opened
+  char *path GUARDED_BY(lock);    // owned copy; NULL for a stream handler
+  Mutex lock;
+  FileHandler *next = nullptr;  // sinks made at start-up, kept (see init)
 };
 
 extern SyslogHandler syslog_handler;
@@ -60,7 +66,12 @@ Control *control();
 int syslog_threshold();
 // Display name of a level, or NULL.
 const char *level_name(int level);
-// Funnel of every log call.
+// Funnel of every log call; keeps errno.
 void write(int level, const char *prefix, const char *fmt, va_list ap);
+// The library's own lines: while this thread holds a lock of the library, the
+// line is formatted at once and written when the thread releases its last
+// one, so that a log handler never runs under a lock of the library. Keeps
+// errno.
+void lib_log(int level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace kelo::log

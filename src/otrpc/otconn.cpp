@@ -10,7 +10,6 @@
 #include <atomic>
 
 #include "common/dlist.h"
-#include "common/mutex_lock.h"
 #include "kelo/log.h"
 #include "otrpc/otmethod.h"
 #include "otrpc/otsocket.h"
@@ -35,13 +34,6 @@ constinit otsocket_close_hook g_close_hook = {nullptr, otconn_on_socket_closed, 
 // kept apart from the watcher's own fields.
 constinit std::atomic<bool> g_async_on{false};
 constinit std::atomic<struct ev_loop *> g_loop{nullptr};
-
-// Send completions run inside the flush and may call into the registry
-// (otrpc_call, otrpc_register): its lock comes first here as everywhere.
-int flush_queue() {
-  MutexLock registry(otmethod_lock());
-  return otsocket_flush_immediate();
-}
 
 void otconn_set_state(int new_state) {
   if (new_state == g_state) return;
@@ -127,7 +119,7 @@ void otconn_on_io(struct ev_loop *, ev_io *w, int revents) {
 void otconn_on_async(struct ev_loop *, ev_async *, int) {
   otsocket_close_if_broken();
   if (g_state != OTCONN_CONNECTED) return;
-  int want = flush_queue() ? EV_READ | EV_WRITE : EV_READ;
+  int want = otsocket_flush_immediate() ? EV_READ | EV_WRITE : EV_READ;
   // A write error in the flush closes the socket and its hook may already
   // have moved on (reconnecting, or waiting to retry): only a connection
   // still up gets its watcher adjusted.
@@ -150,7 +142,7 @@ int otconn_start() {
   switch (otsocket_connect()) {
     case 0:
       otconn_set_state(OTCONN_CONNECTED);
-      want_write = flush_queue() != 0;
+      want_write = otsocket_flush_immediate() != 0;
       break;
     case 1:
       otconn_set_state(OTCONN_CONNECTING);

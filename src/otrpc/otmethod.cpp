@@ -14,8 +14,8 @@
 #include "common/dlist.h"
 #include "common/mutex_lock.h"
 #include "kelo/app.h"
-#include "kelo/log.h"
 #include "kelo/rand.h"
+#include "log/log_internal.h"
 #include "otrpc/message.h"
 #include "otrpc/otsocket.h"
 
@@ -27,16 +27,18 @@ static_assert(sizeof(otrpc_state_hook) == 16 && offsetof(otrpc_state_hook, next)
 #endif
 
 namespace kelo::otrpc {
+
+constinit Mutex registry_lock{Mutex::Recursive{}};
+
 namespace {
 
 constexpr int32_t kNoId = 0x7fffffff;
 constexpr time_t kReturnMaxAge = 5;
 
-constinit pthread_mutex_t g_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-constinit otmethod_entry *g_table = nullptr;
-constinit otmethod_return_ctx *g_returns = nullptr;
+constinit otmethod_entry *g_table GUARDED_BY(registry_lock) = nullptr;
+constinit otmethod_return_ctx *g_returns GUARDED_BY(registry_lock) = nullptr;
 // Integer ids of the last three requests let through, oldest first.
-constinit int32_t g_recent_ids[3] = {kNoId, kNoId, kNoId};
+constinit int32_t g_recent_ids[3] GUARDED_BY(registry_lock) = {kNoId, kNoId, kNoId};
 constinit otrpc_state_hook g_state_hook = {nullptr, otmethod_on_state_changed, nullptr, nullptr};
 
 // reg_id is written by the send completion on the loop thread without the
@@ -54,16 +56,17 @@ void on_register_written(void *reg_id) {
 }
 
 void warn_not_built(const char *name) {
-  log_warning("kelo_util: otrpc: Fail to register method \"%s\"\n", name);
+  log::lib_log(LOG_WARNING, "kelo_util: otrpc: Fail to register method \"%s\"\n", name);
 }
 
 // Hands message (NULL: expiry) to every pending call that match selects, in
 // list order, and frees it. A callback may call again (appending, expiring):
 // each context leaves the list before its callback runs, and the walk starts
-// again from the head. Runs under the registry lock; func names the caller
-// in a failed assertion.
+// again from the head. func names the caller in a failed assertion. The
+// callbacks run under the registry lock and may take it again (see
+// registry_lock).
 template <typename Match>
-void finish_returns(Match match, json_object *message, const char *func) {
+void finish_returns(Match match, json_object *message, const char *func) REQUIRES(registry_lock) {
   for (otmethod_return_ctx *ctx = g_returns; ctx != nullptr;) {
     if (!match(ctx)) {
       ctx = ctx->next;
@@ -78,7 +81,7 @@ void finish_returns(Match match, json_object *message, const char *func) {
 
 // Whether a request with this integer id was among the last three let
 // through; if not, it becomes the newest of them.
-bool seen_recently(int32_t id) {
+bool seen_recently(int32_t id) REQUIRES(registry_lock) {
   for (int32_t seen : g_recent_ids)
     if (seen == id) return true;
   g_recent_ids[0] = g_recent_ids[1];
@@ -87,10 +90,11 @@ bool seen_recently(int32_t id) {
   return false;
 }
 
-void handle_request(json_object *message, const char *name) {
+// The request path runs wholly under the one registry lock level that
+// otmethod_handle_message took: a second level would change nothing.
+void handle_request(json_object *message, const char *name) REQUIRES(registry_lock) {
   json_object *id = nullptr;
   json_object_object_get_ex(message, "id", &id);
-  MutexLock inner(&g_lock);
   otmethod_entry *e = nullptr;
   HASH_FIND_STR(g_table, name, e);
   if (e == nullptr || e->callback == nullptr) return;  // unknown methods get no answer
@@ -116,6 +120,8 @@ void handle_request(json_object *message, const char *name) {
   json_object *params = nullptr;
   if (!json_object_object_get_ex(message, "params", &params)) params = message;
   e->refs += 1;
+  // The handler may register, unregister and call: the registry lock again,
+  // from this thread (see registry_lock).
   int code = e->callback(e->arg, params, reply);
   if (reply != nullptr) {
     if (code == OTRPC_RET_SEND_REPLY)
@@ -131,10 +137,7 @@ void handle_request(json_object *message, const char *name) {
 
 }  // namespace
 
-pthread_mutex_t *otmethod_lock() { return &g_lock; }
-
 void otmethod_entry_put(otmethod_entry *e) {
-  MutexLock lock(&g_lock);
   if (--e->refs != 0) return;
   free(e->name);
   free(e);
@@ -142,7 +145,7 @@ void otmethod_entry_put(otmethod_entry *e) {
 
 int otmethod_on_state_changed(void *, int new_state, int) {
   if (new_state != OTCONN_CONNECTED) return 0;
-  MutexLock lock(&g_lock);
+  MutexLock lock(&registry_lock);
   otmethod_entry *e, *tmp;
   HASH_ITER(hh, g_table, e, tmp) {
     int32_t queued = load_reg_id(e);
@@ -169,6 +172,7 @@ int otmethod_init() {
 void otmethod_fini() {
   if (g_state_hook.prev != nullptr)
     KELO_DLIST_UNLINK(&otrpc_on_state_changed, &g_state_hook, "(hook)->prev != NULL");
+  MutexLock lock(&registry_lock);
   otmethod_entry *e, *tmp;
   HASH_ITER(hh, g_table, e, tmp) {
     HASH_DELETE(hh, g_table, e);  // NOLINT(clang-analyzer-unix.Malloc): tmp holds the successor
@@ -182,7 +186,7 @@ void otmethod_fini() {
 
 void otmethod_register_return(int id, otrpc_return_cb callback, void *arg) {
   time_t now = time(nullptr);
-  MutexLock lock(&g_lock);
+  MutexLock lock(&registry_lock);
   // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): finish_returns restarts from the head after a free
   finish_returns([now](const otmethod_return_ctx *c) { return now - c->created > kReturnMaxAge; }, nullptr,
                  __func__);
@@ -196,13 +200,12 @@ void otmethod_register_return(int id, otrpc_return_cb callback, void *arg) {
 }
 
 void invoke_return_ctx(int id, json_object *message) {
-  MutexLock lock(&g_lock);
   // Every pending call with this id gets the reply, not only the first.
   finish_returns([id](const otmethod_return_ctx *c) { return c->id == id; }, message, __func__);
 }
 
 void otmethod_handle_message(json_object *message) {
-  MutexLock lock(&g_lock);
+  MutexLock lock(&registry_lock);
   json_object *v = nullptr;
   if (json_object_object_get_ex(message, "method", &v)) {
     const char *name = json_object_get_string(v);
@@ -213,13 +216,13 @@ void otmethod_handle_message(json_object *message) {
 }
 
 void otmethod_age_returns_for_testing(int seconds) {
-  MutexLock lock(&g_lock);
+  MutexLock lock(&registry_lock);
   otmethod_return_ctx *ctx;
   DL_FOREACH(g_returns, ctx) ctx->created -= seconds;
 }
 
 int otmethod_pending_returns_for_testing() {
-  MutexLock lock(&g_lock);
+  MutexLock lock(&registry_lock);
   int n = 0;
   otmethod_return_ctx *ctx;
   DL_COUNT(g_returns, ctx, n);
@@ -249,7 +252,6 @@ KELO_EXPORT int otrpc_register(const char *name, otrpc_method_cb callback, void 
   e->callback = callback;
   e->arg = arg;
   e->flags = flags;
-  e->refs = 1;
   json_object *msg = otmethod_create_message("register", name);
   if (msg != nullptr) {
     int handle = otrpc_send_cb(msg, on_register_written, &e->reg_id);
@@ -263,14 +265,15 @@ KELO_EXPORT int otrpc_register(const char *name, otrpc_method_cb callback, void 
   } else {
     warn_not_built(name);
   }
-  MutexLock lock(&g_lock);
+  MutexLock lock(&registry_lock);
+  e->refs = 1;  // the table's
   HASH_ADD_KEYPTR(hh, g_table, e->name, strlen(e->name), e);
   return 0;
 }
 
 KELO_EXPORT void otrpc_unregister(const char *name) {
   if (name == nullptr) return;
-  MutexLock lock(&g_lock);
+  MutexLock lock(&registry_lock);
   otmethod_entry *e = nullptr;
   HASH_FIND_STR(g_table, name, e);
   if (e == nullptr) return;

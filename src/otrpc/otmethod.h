@@ -7,11 +7,20 @@
 
 #include <uthash.h>
 
+#include "common/mutex_lock.h"
+
 #include "kelo/otrpc.h"
 
 struct json_object;
 
 namespace kelo::otrpc {
+
+// The registry lock (recursive): the method table, the pending calls and the
+// duplicate filter. Taken before the send queue's lock, never after it.
+// Method handlers and reply callbacks run under it and may take it again from
+// the same thread (otrpc_register, otrpc_call, ...): recursion through a
+// service's function pointer, which the analysis neither sees nor can express.
+extern Mutex registry_lock;
 
 struct otmethod_entry {
   int32_t reg_id;  // -1 not announced, > 0 queued "register", 0 announced
@@ -19,7 +28,7 @@ struct otmethod_entry {
   otrpc_method_cb callback;
   void *arg;
   uint32_t flags;
-  uint32_t refs;
+  uint32_t refs GUARDED_BY(registry_lock);
   UT_hash_handle hh;
 };
 
@@ -32,16 +41,12 @@ struct otmethod_return_ctx {
   time_t created;
 };
 
-// The registry lock (recursive). Lock order: this one before the send queue's;
-// the flush takes it first so that send completions may call into the registry.
-pthread_mutex_t *otmethod_lock();
-
 int otmethod_init();
 void otmethod_fini();
 int otmethod_on_state_changed(void *ctx, int new_state, int old_state);
-void otmethod_entry_put(otmethod_entry *e);
+void otmethod_entry_put(otmethod_entry *e) REQUIRES(registry_lock);
 void otmethod_register_return(int id, otrpc_return_cb callback, void *arg);
-void invoke_return_ctx(int id, json_object *message);
+void invoke_return_ctx(int id, json_object *message) REQUIRES(registry_lock);
 void otmethod_handle_message(json_object *message);
 
 // For tests: shifts the creation time of every pending call back by seconds,

@@ -15,8 +15,9 @@
 #include "common/dlist.h"
 #include "common/mutex_lock.h"
 #include "common/sys_paths.h"
-#include "kelo/log.h"
+#include "log/log_internal.h"
 #include "otrpc/otconn.h"
+#include "otrpc/otmethod.h"
 
 namespace kelo::otrpc {
 
@@ -26,26 +27,31 @@ namespace {
 
 constexpr int kIoFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
 
-// The descriptor is opened and closed on the loop thread and read by senders
-// on any thread, all under the queue lock; so is the connection's generation,
-// which tells a socket from a later one that reuses its number.
+// The send-queue lock. Recursive from load time, so that a send before
+// otrpc_init (or from a thread racing it) never meets an uninitialised mutex.
+// Taken after the registry lock, never before it. Send completions run under
+// it (and under the registry lock, which the flush takes first) and may queue
+// or cancel, taking it again from the same thread: recursion through a
+// service's function pointer, which the analysis cannot express.
+constinit Mutex g_queue_lock ACQUIRED_AFTER(registry_lock){Mutex::Recursive{}};
+
 // The receive buffer, defined first so that the compiler puts it after the
 // small variables below: they are written at start, the buffer only when the
 // agent sends, and kept together they share pages already dirty instead of
 // spilling into one more page of every process.
 alignas(8) constinit char g_buf[OTSOCKET_RECV_BUFFER_SIZE] = {};
 
-constinit int g_fd = -1;
-constinit uint32_t g_fd_gen = 0;
-constinit pthread_t g_fd_owner = {};  // the thread that opened it: the loop's
+// The descriptor is opened and closed on the loop thread and read by senders
+// on any thread, all under the queue lock; so is the connection's generation,
+// which tells a socket from a later one that reuses its number.
+constinit int g_fd GUARDED_BY(g_queue_lock) = -1;
+constinit uint32_t g_fd_gen GUARDED_BY(g_queue_lock) = 0;
+constinit pthread_t g_fd_owner GUARDED_BY(g_queue_lock) = {};  // the thread that opened it: the loop's
 // Generation of a socket that a send on another thread found broken, for the
 // loop thread to close (0: none).
 constinit std::atomic<uint32_t> g_close_gen{0};
-constinit otsocket_record *g_queue = nullptr;
-constinit int32_t g_queue_counter = 0;
-// Recursive from load time, so that a send before otrpc_init (or from a
-// thread racing it) never meets an uninitialised mutex.
-constinit pthread_mutex_t g_queue_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+constinit otsocket_record *g_queue GUARDED_BY(g_queue_lock) = nullptr;
+constinit int32_t g_queue_counter GUARDED_BY(g_queue_lock) = 0;
 
 // Received bytes not yet given to the tokener lie in [g_rd, g_wr).
 constinit size_t g_rd = 0;
@@ -88,10 +94,13 @@ void otsocket_fini() {
   kelo::dlist::clear(&otsocket_close_hooks);
 }
 
-int otsocket_fd() { return g_fd; }
+int otsocket_fd() {
+  MutexLock lock(&g_queue_lock);
+  return g_fd;
+}
 
 int otsocket_connect() {
-  if (g_fd >= 0) return 2;
+  if (otsocket_fd() >= 0) return 2;
   const sys::Paths &p = sys::paths();
   sockaddr_in addr = {};
   addr.sin_family = AF_INET;
@@ -146,12 +155,13 @@ int otsocket_enqueue(const char *text, size_t len, otsocket_send_callback cb, vo
 
 namespace {
 
-// Writes what is left of rec, under the queue lock; a hard error sets
-// *broken, and the caller closes the socket once it released the lock (the
-// close hooks reconnect and take the registry lock, which is never taken
-// while holding the queue lock).
-int write_record(otsocket_record *rec, bool *broken) {
-  log_debug("otrpc: sending %.*s", static_cast<int>(rec->end - rec->cursor), rec->cursor);
+// Writes what is left of rec; a hard error sets *broken, and the caller
+// closes the socket once it released the lock (the close hooks reconnect and
+// take the registry lock, which is never taken while holding the queue lock).
+// The line waits for the lock's release (lib_log), so that a log handler that
+// calls into the library does not run under the queue lock.
+int write_record(otsocket_record *rec, bool *broken) REQUIRES(g_queue_lock) {
+  log::lib_log(LOG_DEBUG, "otrpc: sending %.*s", static_cast<int>(rec->end - rec->cursor), rec->cursor);
   while (rec->cursor != rec->end) {
     ssize_t n = send(g_fd, rec->cursor, static_cast<size_t>(rec->end - rec->cursor), kIoFlags);
     if (n >= 0) {
@@ -186,6 +196,7 @@ int otsocket_write_record(otsocket_record *rec) {
       return r;
     }
   }
+  ErrnoSaver keep;  // the send's errno, whatever closing and the close hooks do
   otsocket_close();
   return r;
 }
@@ -204,6 +215,9 @@ int otsocket_flush_immediate() {
   bool broken = false;
   int pending;
   {
+    // Send completions run inside and may call into the registry
+    // (otrpc_call, otrpc_register): its lock comes first here as everywhere.
+    MutexLock registry(&registry_lock);
     MutexLock lock(&g_queue_lock);
     if (g_fd < 0) return g_queue != nullptr ? 1 : 0;
     // The callback may have cancelled or queued records: each round starts
@@ -216,7 +230,10 @@ int otsocket_flush_immediate() {
     }
     pending = g_queue != nullptr ? 1 : 0;
   }
-  if (broken) otsocket_close();
+  if (broken) {
+    ErrnoSaver keep;
+    otsocket_close();
+  }
   return pending;
 }
 
@@ -267,7 +284,7 @@ int otsocket_receive(int fd, json_object **out) {
           n = recv(fd, g_buf + g_wr, space, kIoFlags);
         } while (n < 0 && errno == EINTR);
         if (n > 0) {
-          log_debug("otrpc: received: %.*s", static_cast<int>(n), g_buf + g_wr);
+          log::lib_log(LOG_DEBUG, "otrpc: received: %.*s", static_cast<int>(n), g_buf + g_wr);
           g_wr += static_cast<size_t>(n);
         } else {
           if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) otsocket_close();

@@ -29,9 +29,10 @@ constexpr size_t kVersionKeyLen = sizeof kVersionKey - 1;
 // queue on g_open_lock so that one mapping is made. NULL again on failure,
 // so the next call retries.
 constinit std::atomic<const Record *> g_record{nullptr};
-constinit pthread_mutex_t g_open_lock = PTHREAD_MUTEX_INITIALIZER;
-// errno of a failed open of the wireless list by fill(), under g_open_lock.
-int g_wireless_errno = 0;
+constinit Mutex g_open_lock;
+// errno of a failed open of the wireless list by fill(), read back by get()
+// on the same thread (fill runs inside shm_region_open, as its initialiser).
+constinit thread_local int t_wireless_errno = 0;
 
 void read_fw_version(Record *rec) {
   UniqueFd fd(open(sys::paths().os_release, O_RDONLY | O_CLOEXEC));
@@ -71,7 +72,7 @@ void read_fw_version(Record *rec) {
 void read_ifname(Record *rec) {
   FILE *f = fopen(sys::paths().proc_wireless, "re");
   if (f == nullptr) {
-    g_wireless_errno = errno != 0 ? errno : ENOENT;
+    t_wireless_errno = errno != 0 ? errno : ENOENT;
     return;
   }
   char *line = nullptr;
@@ -121,9 +122,9 @@ const Record *get() {
     MutexLock lock(&g_open_lock);
     rec = g_record.load(std::memory_order_relaxed);
     if (rec == nullptr) {
-      g_wireless_errno = 0;
+      t_wireless_errno = 0;
       rec = static_cast<const Record *>(shm_region_open("devinfo", sizeof(Record), fill));
-      wireless_errno = g_wireless_errno;
+      wireless_errno = t_wireless_errno;
       if (wireless_errno == 0) g_record.store(rec, std::memory_order_release);
     }
   }

@@ -18,7 +18,7 @@
 
 #include "common/free_ptr.h"
 #include "common/unique_fd.h"
-#include "kelo/log.h"
+#include "log/log_internal.h"
 
 namespace kelo::file {
 namespace {
@@ -91,12 +91,12 @@ KELO_EXPORT ssize_t file_read_string(char *buf, size_t size, const char *path) {
   }
   kelo::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
   if (!fd.valid()) {
-    log_err("%s: open error(%s): %m\n", "file_read_string", path);
+    kelo::log::lib_log(LOG_ERR, "%s: open error(%s): %m\n", "file_read_string", path);
     return -1;
   }
   ssize_t n = read(fd.get(), buf, size - 1);
   if (n < 0) {
-    log_err("%s: read error(%s): %m\n", "file_read_string", path);
+    kelo::log::lib_log(LOG_ERR, "%s: read error(%s): %m\n", "file_read_string", path);
     return -1;
   }
   buf[n] = '\0';
@@ -122,7 +122,7 @@ KELO_EXPORT ssize_t file_write_string(const char *str, const char *path) {
   }
   kelo::UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   if (!fd.valid()) {
-    log_err("%s: open error(%s): %m\n", "file_write_string", path);
+    kelo::log::lib_log(LOG_ERR, "%s: open error(%s): %m\n", "file_write_string", path);
     return -1;
   }
   return write(fd.get(), line, n);

@@ -5,7 +5,7 @@
 #include <stdlib.h>
 
 #include "kelo/encoding.h"
-#include "kelo/log.h"
+#include "log/log_internal.h"
 
 namespace {
 
@@ -34,7 +34,8 @@ KELO_EXPORT void str2hex(char *out, const unsigned char *in, int len) {
 
 KELO_EXPORT void hex2str(unsigned char *out, int outlen, const char *hex, int hexlen) {
   if (outlen < hexlen / 2)
-    log_warning("buflen(%d) might not be enough for the hexlen(%d) convertion.\n", outlen, hexlen);
+    kelo::log::lib_log(LOG_WARNING, "buflen(%d) might not be enough for the hexlen(%d) convertion.\n", outlen,
+                       hexlen);
   for (int i = 0; i < outlen; ++i) out[i] = 0;
   for (int64_t i = 0; i < outlen && 2 * i < hexlen; ++i) {
     // strtoul on the pair keeps the old parsing exactly (both cases, a

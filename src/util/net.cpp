@@ -14,7 +14,7 @@
 #include "common/errno_saver.h"
 #include "common/sys_paths.h"
 #include "common/unique_fd.h"
-#include "kelo/log.h"
+#include "log/log_internal.h"
 #include "util/devinfo.h"
 
 static_assert(sizeof(struct iw_statistics) == 32, "iw_statistics is 32 bytes");
@@ -78,7 +78,7 @@ KELO_EXPORT int general_send_one(int fd, const void *buf, int len) {
   fprintf(stderr, "%s is deprecated.\n", "general_send_one");
   // Descriptor 0 counts as not ready: callers use 0 for "no socket".
   if (fd <= 0) {
-    log_warning("sock not ready: %d\n", fd);
+    kelo::log::lib_log(LOG_WARNING, "sock not ready: %d\n", fd);
     return -1;
   }
   if (len == 0) return 0;
@@ -88,10 +88,10 @@ KELO_EXPORT int general_send_one(int fd, const void *buf, int len) {
   while (left > 0) {
     r = send(fd, p, static_cast<size_t>(left), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (r < 0) {
-      log_err("%s: send error: %m\n", "net");
+      kelo::log::lib_log(LOG_ERR, "%s: send error: %m\n", "net");
       break;
     }
-    if (r < left) log_warning("Partial written\n");
+    if (r < left) kelo::log::lib_log(LOG_WARNING, "Partial written\n");
     if (r == 0) break;  // nothing taken: retrying at once would spin forever
     p += r;
     left -= static_cast<int>(r);
@@ -109,7 +109,7 @@ KELO_EXPORT int net_rssi(void) {
   const char *path = kelo::sys::paths().proc_wireless;
   FILE *f = fopen(path, "re");
   if (f == nullptr) {
-    log_err("unable to open (%s): %m\n", "/proc/net/wireless");
+    kelo::log::lib_log(LOG_ERR, "unable to open (%s): %m\n", "/proc/net/wireless");
     return 0;
   }
   int level = 0;

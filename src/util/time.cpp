@@ -8,7 +8,7 @@
 #include <sys/sysinfo.h>
 #include <sys/timerfd.h>
 
-#include "kelo/log.h"
+#include "log/log_internal.h"
 #include "util/time_internal.h"
 
 namespace kelo::timeutil {
@@ -73,9 +73,7 @@ KELO_EXPORT int timer_start(int fd, int first_ms, int interval_ms) {
   its.it_value = kelo::timeutil::ms_to_interval(first_ms);
   its.it_interval = kelo::timeutil::ms_to_interval(interval_ms);
   if (timerfd_settime(fd, 0, &its, nullptr) != 0) {
-    int saved = errno;
-    log_err("%s: timerfd_settime: %s", "timer_start", strerror(saved));
-    errno = saved;
+    kelo::log::lib_log(LOG_ERR, "%s: timerfd_settime: %s", "timer_start", strerror(errno));
     return -1;
   }
   return 0;

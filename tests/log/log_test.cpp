@@ -2,20 +2,33 @@
 // device-wide system-log threshold.
 // ctest-labels: threads
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdarg.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "kelo/app.h"
+#include "kelo/devinfo.h"
+#include "kelo/file.h"
 #include "kelo/log.h"
+#include "kelo/net.h"
+#include "kelo/otrpc.h"
+#include "kelo/time.h"
 #include "log/log_internal.h"
+#include "otrpc/otconn.h"
+#include "otrpc/otsocket.h"
+#include "support/fake_agent.h"
 #include "support/sandbox.h"
 #include "support/system_log.h"
 
@@ -141,22 +154,141 @@ TEST(LogHandler, AcquireAndReleaseAreCountedPerLevel) {
   EXPECT_EQ(bodies(r.err, 0), "[ emerg] m0\n");
 }
 
-// A service handler that logs from its release while the first start replaces
-// it: the nested call writes through the table as it stands, without waiting
-// for the start lock its own thread holds.
-TEST(LogStart, HandlerThatLogsDuringTheFirstStart) {
+// A service handler may call any library function from its callbacks, the
+// threshold setter and the log calls included: at the first start (its
+// acquire starts logging, which replaces it), at app_init and at app_fini.
+// A line logged meanwhile goes through the table as it stands.
+TEST(LogHandler, CallbacksMayChangeTheThresholdAtStartAndFini) {
   Sandbox sb;
   auto r = run_child(
       [] {
-        env("-", "7");
-        static log_handler h = {nullptr, [](log_handler *) { log_debug("nested"); }, nullptr, nullptr};
+        env("-", nullptr);
+        static log_handler h = {nullptr,
+                                [](log_handler *) {
+                                  printf("R%d", log_set_syslog_level(3));
+                                  log_emerg("from release");
+                                },
+                                [](log_handler *) { printf("A%d", log_set_syslog_level(5)); }, nullptr};
+        static app_desc app = {};
+        log_set_handler(0x01, &h);  // R0 (the start replaces it) before A0
         log_set_handler(0x01, &h);
-        log_emerg("first");
-        printf("done");
+        app_init(&app, 0, nullptr);
+        log_set_handler(0x02, &h);
+        app_init(&app, 0, nullptr);  // logging starts again: replaced
+        log_set_handler(0x02, &h);
+        app_fini();
+        printf(" %d", kelo::log::syslog_threshold());
       },
       5);
-  EXPECT_EQ(r.out, "done") << r.err;
-  EXPECT_EQ(bodies(r.err, 0), "[ emerg] first\n");
+  EXPECT_EQ(r.out, "R0A0A0R0A0R0A0R0 3") << "signal " << r.signal << r.err;
+  // Only the release from level 1 finds a sink at level 0: from level 0 the
+  // handler is still h itself (no write), and app_fini has emptied it first.
+  EXPECT_EQ(bodies(r.err, 0), "[ emerg] from release\n");
+}
+
+// Failing calls that log, each first thing in a fresh process (so that its
+// log call starts logging), with every sink: errno is what the same system
+// call gives when made directly, and "%m" in the line is its text.
+TEST(LogErrno, FailingCallsLeaveTheSystemsErrnoWithEverySink) {
+  Sandbox sb;
+  const std::string f_x = sb.path("f/x"), dir = sb.path("d"), shm = sb.path("shm"),
+                    logfile = sb.path("svc.log");
+  auto open_errno = [](const std::string &p, int flags) {
+    int fd = open(p.c_str(), flags, 0644);
+    return fd < 0 ? errno : (close(fd), 0);
+  };
+  struct Case {
+    int want;                     // the errno the setup provokes
+    long failed;                  // the library's result on failure
+    std::function<long()> call;   // the library's failing call
+    std::function<int()> direct;  // errno of the system call made directly
+    bool quoted;                  // its line carries "%m" or strerror
+  };
+  const Case cases[] = {
+      {ENOTDIR, -1,
+       [&] {
+         char b[16];
+         return long(file_read_string(b, sizeof b, f_x.c_str()));
+       },
+       [&] { return open_errno(f_x, O_RDONLY); }, true},
+      {EISDIR, -1,
+       [&] {
+         char b[16];
+         return long(file_read_string(b, sizeof b, dir.c_str()));
+       },
+       [&] {
+         char b[16];
+         return read(open(dir.c_str(), O_RDONLY), b, sizeof b) < 0 ? errno : 0;
+       },
+       true},
+      {ENOTDIR, -1, [&] { return long(file_write_string("1", f_x.c_str())); },
+       [&] { return open_errno(f_x, O_WRONLY | O_CREAT); }, true},
+      {EISDIR, -1, [&] { return long(file_write_string("1", dir.c_str())); },
+       [&] { return open_errno(dir, O_WRONLY | O_CREAT); }, true},
+      {EINVAL, -1, [] { return long(timer_start(timerfd_create(CLOCK_MONOTONIC, 0), -1500, 0)); },
+       [] {
+         struct itimerspec its = {{0, 0}, {-1, -500000000}};
+         return timerfd_settime(timerfd_create(CLOCK_MONOTONIC, 0), 0, &its, nullptr) < 0 ? errno : 0;
+       },
+       true},
+      {ENOTSOCK, -1, [] { return long(general_send_one(dup(2), "x", 1)); },
+       [] { return send(2, "x", 1, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? errno : 0; }, true},
+      {ENOENT, 0,  // net_rssi reports 0 for "no reading"
+       [&] {
+         dev_get_info();  // the device record needs the wireless list; it does not log
+         unlink(sb.wireless().c_str());
+         return long(net_rssi());
+       },
+       [&] { return open_errno(sb.wireless(), O_RDONLY); }, true},
+      {ENOENT, -1,
+       [&] {
+         rmdir(shm.c_str());
+         return long(log_set_syslog_level(7));
+       },
+       [&] { return open_errno(sb.region("log-control"), O_RDWR | O_CREAT | O_EXCL); }, false},
+      {EPIPE, -1,  // on the loop thread the failed send closes and reconnects at once
+       [&] {
+         kelo::test::FakeAgent agent(sb.agent_port());
+         otrpc_init();
+         otrpc_start();
+         kelo::test::pump_until([] { return kelo::otrpc::otconn_get_state() == OTCONN_CONNECTED; }, 5);
+         shutdown(kelo::otrpc::otsocket_fd(), SHUT_WR);
+         json_object *m = otrpc_create_message("m");
+         long rc = otrpc_send_immediate(m);
+         return json_object_put(m), rc;
+       },
+       [] {
+         int sv[2];
+         socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
+         shutdown(sv[0], SHUT_WR);
+         return send(sv[0], "x", 1, MSG_NOSIGNAL) < 0 ? errno : 0;
+       },
+       false},
+  };
+  for (const char *sink : {"", "-", logfile.c_str(), "/nonexistent/svc.log"})
+    for (const Case &c : cases) {
+      // A fresh tree: no regions, the wireless list back, no log file.
+      for (const char *region : {"log-control", "devinfo"}) unlink(sb.region(region).c_str());
+      mkdir(shm.c_str(), 0755);
+      mkdir(dir.c_str(), 0755);
+      sb.write_file("f", "x");
+      sb.write_file("wireless",
+                    kelo::test::kWirelessHeader + std::string(" wlan0: 0000   70.  -40.  -256\n"));
+      unlink(logfile.c_str());
+      auto r = run_child([&] {
+        env(sink, nullptr);
+        errno = 0;
+        long rc = c.call();
+        int got = errno;
+        printf("%ld %d %d", rc, got, c.direct());
+      });
+      std::string where = std::string(strerrorname_np(c.want)) + " with sink \"" + sink + "\"";
+      EXPECT_EQ(r.out, std::to_string(c.failed) + " " + std::to_string(c.want) + " " + std::to_string(c.want))
+          << where;
+      std::string lines = sink == logfile ? kelo::test::slurp(logfile) : sink[0] == '-' ? r.err : "";
+      EXPECT_TRUE(!c.quoted || lines.empty() || lines.find(strerror(c.want)) != std::string::npos)
+          << where << lines;
+    }
 }
 
 TEST(LogFile, AppendsWholeLinesAndIgnoresTheSystemLogThreshold) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/dlist.h"
+#include "kelo/log.h"
 #include "kelo/otrpc.h"
 #include "otrpc/otconn.h"
 #include "otrpc/otmethod.h"
@@ -291,6 +292,44 @@ TEST_F(Client, ImmediateSendsFromAnotherThreadLeaveTheCloseToTheLoop) {
   std::thread([&] { r = send_msg(otrpc_send_immediate, "last", 0); }).join();
   EXPECT_EQ(r, 0);
   EXPECT_TRUE(pump_until([&] { return agent_.with_method("last").size() == 1; }, 5));
+}
+
+// A service's debug-level log handler that calls the agent, while a worker
+// sends immediately and the loop flushes: the library logs no line while it
+// holds a lock of its own, so the handler's call cannot invert the order of
+// the registry and queue locks.
+TEST(ClientLocks, DebugHandlerCallsWhileAWorkerSendsImmediately) {
+  Sandbox sb;
+  auto r = run_child(
+      [&] {
+        FakeAgent agent(sb.agent_port());
+        static pthread_t loop = pthread_self();
+        static log_handler h = {[](log_handler *, int, const char *, const char *, va_list) {
+                                  if (pthread_equal(pthread_self(), loop)) return;
+                                  usleep(200);  // the loop may flush meanwhile
+                                  send_msg([](json_object *m) { return otrpc_call(m, nullptr, nullptr); },
+                                           "from.handler", 0);
+                                },
+                                nullptr, nullptr, nullptr};
+        if (otrpc_init() != 0 || otrpc_start() != 0) _exit(3);
+        if (!pump_until([] { return otconn_get_state() == OTCONN_CONNECTED; }, 5)) _exit(4);
+        setenv("KELO_LOG_LEVEL", "0", 1);
+        log_info("started");  // before the handler goes in: the start would replace it
+        log_set_handler(0x80, &h);
+        std::atomic<bool> done{false};
+        std::thread worker([&] {
+          for (int i = 0; i < 500; ++i) immediate(i);
+          done = true;
+        });
+        int n = 0;
+        while (!done) queue(n++), pump_for(0.001);
+        worker.join();
+        if (!pump_until([&] { return agent.with_method("queued").size() == size_t(n); }, 5)) _exit(5);
+        printf("%d", !agent.with_method("from.handler").empty());
+        otrpc_fini();
+      },
+      10);
+  EXPECT_EQ(r.out, "1") << "signal " << r.signal << ", status " << r.exit_code;
 }
 
 // The receive path: a random stream of objects, separators and values that

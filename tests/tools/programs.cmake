@@ -76,6 +76,14 @@ foreach(bad none bogus 8)
     $<TARGET_FILE:kelo-loglevel> ${bad})
 endforeach()
 
+# The agent refuses a script it cannot use, before it listens (port 0: a free
+# one, should it ever get that far).
+set(agent $<TARGET_FILE:kelo-agent>)
+kelo_program_test(agent_script_directory 2 "kelo-agent: cannot read .*: Is a directory"
+  ${agent} --port 0 --script ${CMAKE_CURRENT_LIST_DIR})
+kelo_program_test(agent_script_unreadable 2 "kelo-agent: cannot read .*: Not a directory"
+  ${agent} --port 0 --script ${CMAKE_CURRENT_LIST_FILE}/script)
+
 # Line editing and history at a terminal, when the agent has libedit; script(1)
 # (util-linux) gives it a pty.
 find_program(KELO_SCRIPT_PROGRAM script)
