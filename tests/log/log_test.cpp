@@ -284,7 +284,7 @@ TEST(LogErrno, FailingCallsLeaveTheSystemsErrnoWithEverySink) {
       });
       std::string where = std::string(strerrorname_np(c.want)) + " with sink \"" + sink + "\"";
       EXPECT_EQ(r.out, std::to_string(c.failed) + " " + std::to_string(c.want) + " " + std::to_string(c.want))
-          << where;
+          << where << ": signal " << r.signal << ", " << r.err;
       std::string lines = sink == logfile ? kelo::test::slurp(logfile) : sink[0] == '-' ? r.err : "";
       EXPECT_TRUE(!c.quoted || lines.empty() || lines.find(strerror(c.want)) != std::string::npos)
           << where << lines;

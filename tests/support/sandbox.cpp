@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -61,20 +62,36 @@ std::string slurp(const std::string &p) {
   return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
+// Below the kernel's ephemeral range: connect() never gives such a port to a
+// client socket, so no other test's connection can take it while a fake
+// agent is between two listens (bind(0) would draw from that very range).
 int free_port() {
-  for (;;) {
+  unsigned low = 32768, high = 60999;
+  if (FILE *f = fopen("/proc/sys/net/ipv4/ip_local_port_range", "re")) {
+    if (fscanf(f, "%u %u", &low, &high) != 2) low = 32768;
+    fclose(f);
+  }
+  const unsigned first = 10000, span = low > first + 1000 ? low - first : 20000;
+  static unsigned calls = 0;  // several sandboxes in one process get different ports
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  unsigned seed =
+      (static_cast<unsigned>(getpid()) * 2654435761u) ^ static_cast<unsigned>(now.tv_nsec) ^ (++calls << 20);
+  for (int tries = 0; tries < 1000; ++tries) {
+    seed = seed * 1103515245u + 12345u;
+    unsigned port = first + (seed >> 8) % span;
+    if (port == 54320) continue;  // the real agent's: a test on it may be running
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) < 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) < 0)
-      abort();
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    if (fd < 0) abort();
+    int rc = bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
     close(fd);
-    // Never hand out the real agent's port: a test on it may be running.
-    if (ntohs(a.sin_port) != 54320) return ntohs(a.sin_port);
+    if (rc == 0) return static_cast<int>(port);
   }
+  abort();
 }
 
 ChildResult run_child(const std::function<void()> &fn, int timeout_s) {
