@@ -72,9 +72,6 @@ struct Placement {
 constexpr Placement kCanvas48{15, 10, 26, 16, 12, 24};
 constexpr Placement kCanvas16{5, 3, 9, 5, 4, 8};
 
-constexpr uint16_t kInk = 0xFFFF;    // alpha, white
-constexpr uint16_t kPaper = 0x8000;  // alpha, black
-
 // The font file whole, as stb_file reads it. Only regular files: stb_file
 // sizes its buffer by seeking, which a pipe or device answers with -1 and
 // then overruns the buffer.
@@ -158,8 +155,8 @@ KELO_EXPORT uint16_t *Ascii2Bitmap1555(const char *text, int len, int *width, in
     puts("failed to load font ");
     return nullptr;
   }
-  const int w = pixel_height == 48 ? 420 : 140;
-  const int h = pixel_height == 48 ? 48 : 16;
+  int w = 0, h = 0;
+  osd_canvas_size(pixel_height, &w, &h);
   if (width) *width = w;
   if (height) *height = h;
   kelo::FreePtr<unsigned char> canvas(
@@ -171,14 +168,11 @@ KELO_EXPORT uint16_t *Ascii2Bitmap1555(const char *text, int len, int *width, in
       0)
     return nullptr;
   font.reset();
+  // Every pixel is written below: no zero-filled allocation needed.
   auto *out =
-      static_cast<uint16_t *>(calloc(static_cast<size_t>(w) * static_cast<size_t>(h), sizeof(uint16_t)));
+      static_cast<uint16_t *>(malloc(static_cast<size_t>(w) * static_cast<size_t>(h) * sizeof(uint16_t)));
   if (out == nullptr) return nullptr;
-  const unsigned char *cov = canvas.get();
-  for (int r = 0; r < h; ++r) {
-    uint16_t *row = out + static_cast<size_t>(flip ? h - 1 - r : r) * static_cast<size_t>(w);
-    for (int c = 0; c < w; ++c) row[c] = cov[r * w + c] ? kInk : kPaper;
-  }
+  osd_coverage_to_bitmap1555(canvas.get(), w, h, flip ? 1 : 0, out);
   return out;
 }
 
