@@ -1,8 +1,11 @@
-/* Start-up benchmark: the service of service_lib.c written by hand on libev
- * and json-c, doing the same work at start: the option parsed with
- * getopt_long, the system log opened, the method kept in a json-c object for
- * its registration, a tokener for the agent's stream, a non-blocking connect
- * to the agent with its watcher, a retry timer, a break watcher. */
+/* Start-up benchmark: the smallest service of service_lib.c written by hand
+ * on libev and json-c: the option parsed with getopt_long, the system log
+ * opened, the method kept in a json-c object for its registration, a tokener
+ * for the agent's stream, a non-blocking connect to the agent with its
+ * watcher, a retry timer, a break watcher. It skips what the library's
+ * start-up also does (the environment, the log-control region, the
+ * announcement's text with its id, the wake-up, atexit); service_same.c
+ * does all of that too. */
 #include <arpa/inet.h>
 #include <errno.h>
 #include <ev.h>

@@ -46,7 +46,11 @@ class CAPABILITY("start gate") StartGate {
   // on at that moment.
   bool enter() ACQUIRE() {
     MutexLock lock(&mu_);
-    while (state_.load(std::memory_order_relaxed) == kBusy) mu_.wait(&cv_);
+    while (state_.load(std::memory_order_relaxed) == kBusy) {
+      ++waiters_;
+      mu_.wait(&cv_);
+      --waiters_;
+    }
     bool on = state_.load(std::memory_order_relaxed) == kOn;
     state_.store(kBusy, std::memory_order_relaxed);
     t_gate_owner = true;
@@ -58,7 +62,10 @@ class CAPABILITY("start gate") StartGate {
     t_gate_owner = false;
     MutexLock lock(&mu_);
     state_.store(on ? kOn : kOff, std::memory_order_release);
-    pthread_cond_broadcast(&cv_);
+    // Nobody waiting is the rule (the start runs once, on the main thread):
+    // then the wake-up is skipped, and with it a call every process would
+    // make at start for nothing.
+    if (waiters_ != 0) pthread_cond_broadcast(&cv_);
   }
   // A callback run by the owner re-enters: the gate is this thread's already.
   // The analysis cannot see ownership through the handler's function pointer.
@@ -69,6 +76,7 @@ class CAPABILITY("start gate") StartGate {
   enum : int { kOff, kBusy, kOn };
   std::atomic<int> state_{kOff};
   Mutex mu_;
+  int waiters_ GUARDED_BY(mu_) = 0;
   pthread_cond_t cv_ = PTHREAD_COND_INITIALIZER;
 };
 
