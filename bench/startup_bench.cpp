@@ -399,14 +399,16 @@ int main(int argc, char **argv) {
     Count same = armhf_count(arm_dir + "/bench/startup_service_same", arm_dir);
     Count lib = armhf_count(arm_dir + "/bench/startup_service_lib", arm_dir);
     if (hand.total <= 0 || same.total <= 0 || lib.total <= 0) {
-      printf("armhf instructions: the qemu log had no first loop iteration (hand %ld, same %ld, library %ld)\n",
-             hand.total, same.total, lib.total);
+      printf(
+          "armhf instructions: the qemu log had no first loop iteration (hand %ld, same %ld, library %ld)\n",
+          hand.total, same.total, lib.total);
     } else {
       const double ratio = static_cast<double>(lib.total) / static_cast<double>(same.total);
       printf(
           "armhf instructions to the first loop iteration:\n"
           "  library %ld; hand-written doing the same start-up %ld: ratio %.3f (goal %.2f or less: %s)\n"
-          "  the smallest hand-written service %ld (no region, environment or announcement text): ratio %.3f\n",
+          "  the smallest hand-written service %ld (no region, environment or announcement text): ratio "
+          "%.3f\n",
           lib.total, same.total, ratio, kGoalRatio, ratio <= kGoalRatio ? "met" : "NOT met", hand.total,
           static_cast<double>(lib.total) / static_cast<double>(hand.total));
       Count warm = armhf_count(arm_dir + "/bench/startup_service_lib", arm_dir, true);
@@ -415,7 +417,8 @@ int main(int argc, char **argv) {
         printf(
             "  with the log-control region already there (any start but the first after boot): "
             "library %ld, same start-up by hand %ld, ratio %.3f\n",
-            warm.total, warm_same.total, static_cast<double>(warm.total) / static_cast<double>(warm_same.total));
+            warm.total, warm_same.total,
+            static_cast<double>(warm.total) / static_cast<double>(warm_same.total));
       std::vector<std::string> keys;
       for (const auto &[k, v] : lib.parts) keys.push_back(k);
       for (const Count *c : {&same, &hand})

@@ -37,7 +37,7 @@ struct log_control {
 static int level = 0;
 static struct log_control *control;
 static struct json_tokener *tokener;
-static char *queued;  /* the announcement's text, waiting for the connection */
+static char *queued; /* the announcement's text, waiting for the connection */
 static size_t queued_len;
 static ev_io agent_io;
 static ev_timer retry_timer, timer;
