@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <json-c/json.h>
-#include <netinet/in.h>
 #include <pthread.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -22,12 +21,11 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/random.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include "footprint.h"
+#include "hand_service.h"
 
 struct log_control {
   pthread_mutex_t lock;
@@ -39,9 +37,7 @@ static struct log_control *control;
 static struct json_tokener *tokener;
 static char *queued; /* the announcement's text, waiting for the connection */
 static size_t queued_len;
-static ev_io agent_io;
-static ev_timer retry_timer, timer;
-static ev_async wakeup, break_watcher;
+static ev_async wakeup;
 
 static struct log_control *map_control(void) {
   const char *path = "/dev/shm/kelo-log-control";
@@ -75,35 +71,10 @@ static struct log_control *map_control(void) {
   return c;
 }
 
-static void on_agent(struct ev_loop *loop, ev_io *w, int revents) {
-  (void)loop;
-  (void)w;
-  (void)revents;
-}
-
-static void on_retry(struct ev_loop *loop, ev_timer *w, int revents) {
-  (void)loop;
-  (void)w;
-  (void)revents;
-}
-
 static void on_wakeup(struct ev_loop *loop, ev_async *w, int revents) {
   (void)loop;
   (void)w;
   (void)revents;
-}
-
-static void on_break(struct ev_loop *loop, ev_async *w, int revents) {
-  (void)w;
-  (void)revents;
-  ev_break(loop, EVBREAK_ALL);
-}
-
-static void on_timer(struct ev_loop *loop, ev_timer *w, int revents) {
-  (void)w;
-  (void)revents;
-  footprint_report();
-  ev_async_send(loop, &break_watcher);
 }
 
 static void teardown(void) {
@@ -128,20 +99,6 @@ static void announce(struct ev_loop *loop) {
   ev_async_send(loop, &wakeup);
 }
 
-static void agent_connect(struct ev_loop *loop) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  struct sockaddr_in sa = {.sin_family = AF_INET, .sin_port = htons(54320)};
-  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (fd >= 0 && (connect(fd, (struct sockaddr *)&sa, sizeof sa) == 0 || errno == EINPROGRESS)) {
-    ev_io_init(&agent_io, on_agent, fd, EV_READ | EV_WRITE);
-    ev_io_start(loop, &agent_io);
-    return;
-  }
-  if (fd >= 0) close(fd);
-  ev_timer_init(&retry_timer, on_retry, 1.0, 0.0);
-  ev_timer_start(loop, &retry_timer);
-}
-
 int main(int argc, char **argv) {
   const char *log_file = getenv("KELO_LOG_FILE");
   const char *log_level = getenv("KELO_LOG_LEVEL");
@@ -162,10 +119,6 @@ int main(int argc, char **argv) {
   agent_connect(loop);
   atexit(teardown);
 
-  ev_timer_init(&timer, on_timer, 0.0, 0.0);
-  ev_timer_start(loop, &timer);
-  ev_async_init(&break_watcher, on_break);
-  ev_async_start(loop, &break_watcher);
-  ev_run(loop, 0);
+  run_until_report(loop);
   return 0;
 }
