@@ -321,22 +321,20 @@ void print_object(const char *what, const std::string &lib, const ObjectFacts &f
 // ---- Google Benchmark: host start-up time and footprint, side by side -------
 
 std::string g_host_dir;  // build directory of this program (bench/ inside it)
-Footprint g_host[2];
 
-// which: 0 the smallest hand-written service, 1 the library's, 2 the
-// hand-written one doing the library's start-up.
+// The three services, by the index of their figures in g_host.
+enum Service { kHand, kLib, kSame };
 const char *const kServices[3] = {"/bench/startup_service_hand", "/bench/startup_service_lib",
                                   "/bench/startup_service_same"};
-Footprint g_host3[3];
+Footprint g_host[3];
 
-void BM_StartToFirstIteration(benchmark::State &state, int which) {
+void BM_StartToFirstIteration(benchmark::State &state, Service which) {
   const std::string service = g_host_dir + kServices[which];
   Footprint fp;
   for (auto _ : state) fp = host_footprint(service, g_host_dir);
   state.counters["Rss_kB"] = static_cast<double>(fp.rss_kb);
   state.counters["Private_Dirty_kB"] = static_cast<double>(fp.dirty_kb);
-  g_host3[which] = fp;
-  if (which < 2) g_host[which] = fp;
+  g_host[which] = fp;
 }
 
 }  // namespace
@@ -355,13 +353,14 @@ int main(int argc, char **argv) {
   sync();
   const bool sandbox = sandbox_works();
   if (sandbox) {
-    benchmark::RegisterBenchmark("StartToFirstIteration/hand_written", BM_StartToFirstIteration, 0)
+    benchmark::RegisterBenchmark("StartToFirstIteration/hand_written", BM_StartToFirstIteration, kHand)
         ->Unit(benchmark::kMillisecond)
         ->Iterations(20);
-    benchmark::RegisterBenchmark("StartToFirstIteration/hand_written_same_start", BM_StartToFirstIteration, 2)
+    benchmark::RegisterBenchmark("StartToFirstIteration/hand_written_same_start", BM_StartToFirstIteration,
+                                 kSame)
         ->Unit(benchmark::kMillisecond)
         ->Iterations(20);
-    benchmark::RegisterBenchmark("StartToFirstIteration/library", BM_StartToFirstIteration, 1)
+    benchmark::RegisterBenchmark("StartToFirstIteration/library", BM_StartToFirstIteration, kLib)
         ->Unit(benchmark::kMillisecond)
         ->Iterations(20);
     benchmark::RunSpecifiedBenchmarks();
@@ -371,16 +370,18 @@ int main(int argc, char **argv) {
   benchmark::Shutdown();
 
   printf("\n---- start-up and footprint: library against hand-written (libev + json-c) ----\n");
-  if (sandbox && g_host[0].dirty_kb >= 0 && g_host[1].dirty_kb >= 0) {
-    const long diff = g_host[1].dirty_kb - g_host[0].dirty_kb;
+  if (sandbox && g_host[kHand].dirty_kb >= 0 && g_host[kLib].dirty_kb >= 0) {
+    const long diff = g_host[kLib].dirty_kb - g_host[kHand].dirty_kb;
     printf(
         "host Private_Dirty: hand-written %ld kB, library %ld kB, difference %+ld kB (goal +%ld kB or less: "
         "%s)\n",
-        g_host[0].dirty_kb, g_host[1].dirty_kb, diff, kGoalDirtyKb, diff <= kGoalDirtyKb ? "met" : "NOT met");
-    printf("host Rss:           hand-written %ld kB, library %ld kB\n", g_host[0].rss_kb, g_host[1].rss_kb);
-    if (g_host3[2].dirty_kb >= 0)
+        g_host[kHand].dirty_kb, g_host[kLib].dirty_kb, diff, kGoalDirtyKb,
+        diff <= kGoalDirtyKb ? "met" : "NOT met");
+    printf("host Rss:           hand-written %ld kB, library %ld kB\n", g_host[kHand].rss_kb,
+           g_host[kLib].rss_kb);
+    if (g_host[kSame].dirty_kb >= 0)
       printf("host, hand-written doing the library's start-up: Private_Dirty %ld kB, Rss %ld kB\n",
-             g_host3[2].dirty_kb, g_host3[2].rss_kb);
+             g_host[kSame].dirty_kb, g_host[kSame].rss_kb);
   }
 
   const std::string arm_lib = arm_dir + "/libkelo_util.so.0";
